@@ -1,0 +1,9 @@
+/* The whole public interface of the library. */
+#ifndef ZEL_ZEL_H
+#define ZEL_ZEL_H
+
+#include "types.h"
+#include "platform.h"
+#include "message.h"
+
+#endif /* ZEL_ZEL_H */

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Builds the library and runs every test: a plain build, a build with
+# AddressSanitizer and UndefinedBehaviorSanitizer (halting on any report),
+# then each fuzz target for a short, fixed time on top of its seed corpus.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+
+jobs=$(nproc)
+fuzz_seconds=${ZEL_FUZZ_SECONDS:-20}
+summary=$(mktemp)
+trap 'rm -f "$summary"' EXIT
+
+configure_and_build() {
+  local dir=$1; shift
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+}
+
+run_ctest() {
+  local dir=$1
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure --timeout 300 | tee -a "$summary"
+}
+
+echo "== plain build"
+configure_and_build build
+run_ctest build
+
+echo "== sanitizer build (address, undefined)"
+configure_and_build build-asan -DZEL_SANITIZE=ON -DZEL_BENCH=OFF
+ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+  run_ctest build-asan
+
+echo "== fuzzing, ${fuzz_seconds}s per target"
+CC=clang CXX=clang++ configure_and_build build-fuzz -DZEL_FUZZ=ON -DZEL_BENCH=OFF
+for target in build-fuzz/fuzz/fuzz_*; do
+  name=$(basename "$target")
+  work=$(mktemp -d)
+  echo "-- $name"
+  "$target" "$work" "fuzz/corpus/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 2>&1 | tail -n 12
+  rm -rf "$work"
+done
+
+# One closing line over both test runs.
+passed=0; failed=0
+while read -r pct _ _ _ f _ _ _ total; do
+  failed=$((failed + f)); passed=$((passed + total - f))
+done < <(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$summary")
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
