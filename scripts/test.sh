@@ -26,6 +26,10 @@ echo "== plain build"
 configure_and_build build
 run_ctest build
 
+echo "== an outside program built against include/ and -lzel alone"
+g++ -std=c++20 examples/message_example.cpp -Iinclude -Lbuild -lzel -Wl,-rpath,"$PWD/build" -o build/outside_example
+./build/outside_example
+
 echo "== sanitizer build (address, undefined)"
 configure_and_build build-asan -DZEL_SANITIZE=ON -DZEL_BENCH=OFF
 ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
@@ -43,7 +47,7 @@ done
 
 # One closing line over both test runs.
 passed=0; failed=0
-while read -r pct _ _ _ f _ _ _ total; do
+while read -r _ _ _ f _ _ _ _ total; do
   failed=$((failed + f)); passed=$((passed + total - f))
 done < <(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$summary")
 echo "$passed passed, $failed failed"

@@ -63,6 +63,10 @@ int pchar_compare(sPChar *a, sPChar *b, int nocase, int *err)
         return 0;
     if (a->len <= 0)
         return 1;
+    if (!a->data || !b->data) {
+        *err = 2;
+        return 0;
+    }
     if (nocase)
         return strncasecmp(a->data, b->data, size_t(a->len)) == 0;
     return std::memcmp(a->data, b->data, size_t(a->len)) == 0;
