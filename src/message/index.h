@@ -21,9 +21,34 @@ inline bool is_transport_tag(int tag)
 // Forgets every indexed item; costs in proportion to the fields present.
 void clear_index(vartocb *m);
 
+// Slow paths of index_item: more room in the tag list, a record for a
+// further item of a tag.
+bool grow_tag_list(vartocb *m, int *err);
+sVartoItem *take_item(vartocb *m, int *err);
+
 // Appends one item to the slot of `tag` (and the tag to the tag list when
-// the slot was empty). Fails only when the tag list cannot grow.
-bool index_item(vartocb *m, int tag, char *value, int32_t len, int *err);
+// the slot was empty). Fails only when memory runs out. Inline: every parsed
+// item passes through here.
+inline bool index_item(vartocb *m, int tag, char *value, int32_t len, int *err)
+{
+    sVartoSlot &slot = m->slots[tag];
+    if (slot.count == 0) {
+        if (m->tag_count == m->tag_capacity && !grow_tag_list(m, err))
+            return false;
+        m->tags[m->tag_count++] = tag;
+        slot.first = sVartoItem{value, len, nullptr};
+        slot.last = &slot.first;
+    } else {
+        sVartoItem *item = take_item(m, err);
+        if (!item)
+            return false;
+        *item = sVartoItem{value, len, nullptr};
+        slot.last->next = item;
+        slot.last = item;
+    }
+    ++slot.count;
+    return true;
+}
 
 // Drops one item record of a slot's chain (not the embedded first one).
 void release_item(vartocb *m, sVartoItem *item);

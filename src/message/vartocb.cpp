@@ -11,6 +11,17 @@ namespace {
 
 constexpr int32_t tag_list_step = 2048;
 
+void free_spare_items(vartocb *m)
+{
+    int ignored;
+    while (sVartoItem *item = m->spare_items) {
+        m->spare_items = item->next;
+        mem_free(&item, &ignored);
+    }
+}
+
+} // namespace
+
 bool grow_tag_list(vartocb *m, int *err)
 {
     int32_t *tags = m->tags;
@@ -32,17 +43,6 @@ sVartoItem *take_item(vartocb *m, int *err)
     return item;
 }
 
-void free_spare_items(vartocb *m)
-{
-    int ignored;
-    while (sVartoItem *item = m->spare_items) {
-        m->spare_items = item->next;
-        mem_free(&item, &ignored);
-    }
-}
-
-} // namespace
-
 void release_item(vartocb *m, sVartoItem *item)
 {
     item->next = m->spare_items;
@@ -63,27 +63,6 @@ void clear_index(vartocb *m)
     }
     m->tag_count = 0;
     m->tag_iter = 0;
-}
-
-bool index_item(vartocb *m, int tag, char *value, int32_t len, int *err)
-{
-    sVartoSlot &slot = m->slots[tag];
-    if (slot.count == 0) {
-        if (m->tag_count == m->tag_capacity && !grow_tag_list(m, err))
-            return false;
-        m->tags[m->tag_count++] = tag;
-        slot.first = sVartoItem{value, len, nullptr};
-        slot.last = &slot.first;
-    } else {
-        sVartoItem *item = take_item(m, err);
-        if (!item)
-            return false;
-        *item = sVartoItem{value, len, nullptr};
-        slot.last->next = item;
-        slot.last = item;
-    }
-    ++slot.count;
-    return true;
 }
 
 void remove_tag(vartocb *m, int tag)
