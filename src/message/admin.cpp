@@ -71,11 +71,20 @@ bool append_item_text(scratchcb *out, int tag, const char *value, int32_t len, i
     return true;
 }
 
-// Checks the header of the message in the build buffer and sizes `out` for
-// its text the way the writers always have: the message's bytes plus four per
-// item plus `slack`.
+// Checks the arguments and the header of the message in the build buffer, and
+// sizes `out` for its text the way the writers always have: the message's
+// bytes plus four per item plus `slack`. The text may not be written into the
+// buffer it is read from.
 bool prepare_text(vartocb *m, scratchcb *out, int64_t slack, int unreadable, int *err)
 {
+    if (!m) {
+        *err = 1;
+        return false;
+    }
+    if (!out || out == m->build) {
+        *err = 2;
+        return false;
+    }
     scratchcb *b = m->build;
     int64_t pos = m->header_offset;
     uint32_t count = 0;
@@ -126,14 +135,6 @@ extern "C" {
 
 int varto_to_admin(vartocb *m, scratchcb *out, int *err)
 {
-    if (!m) {
-        *err = 1;
-        return 0;
-    }
-    if (!out || out == m->build) {
-        *err = 2;
-        return 0;
-    }
     if (!prepare_text(m, out, 256, 2, err))
         return 0;
     for (int32_t i = 0; i < m->tag_count; ++i) {
@@ -148,14 +149,6 @@ int varto_to_admin(vartocb *m, scratchcb *out, int *err)
 
 int varto_to_printable_admin(vartocb *m, scratchcb *out, int, int *err)
 {
-    if (!m) {
-        *err = 1;
-        return 0;
-    }
-    if (!out || out == m->build) {
-        *err = 2;
-        return 0;
-    }
     if (!prepare_text(m, out, 512, 4, err))
         return 0;
     scratchcb *b = m->build;

@@ -15,6 +15,10 @@ namespace {
 // zel_open_scratch and palloc_scratch.
 bool make_scratch(scratchcb **made, scratchcb **handle, int size, int *err)
 {
+    if (!handle) {
+        *err = 2;
+        return false;
+    }
     if (*handle) {
         *err = 4;
         return false;
@@ -85,10 +89,6 @@ int punset_buffer_size(scratchcb *s, int *err)
 int zel_open_scratch(scratchcb **handle, int size, int *err)
 {
     scratchcb *block = nullptr;
-    if (!handle) {
-        *err = 2;
-        return 0;
-    }
     if (!make_scratch(&block, handle, size, err))
         return 0;
     *handle = block;
@@ -160,10 +160,6 @@ int p_append_buf(scratchcb *dst, scratchcb *src, int *err)
 int palloc_scratch(scratchcb **handle, int size, int *err)
 {
     scratchcb *block = nullptr;
-    if (!handle) {
-        *err = 2;
-        return 0;
-    }
     if (!make_scratch(&block, handle, size, err))
         return 0;
     // The block is never handed out (callers use zel_open_scratch), so it is
