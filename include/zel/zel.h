@@ -5,5 +5,6 @@
 #include "types.h"
 #include "platform.h"
 #include "message.h"
+#include "containers.h"
 
 #endif /* ZEL_ZEL_H */
