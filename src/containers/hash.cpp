@@ -209,6 +209,18 @@ Table *table_of(void *h, int *err)
     return static_cast<Table *>(h);
 }
 
+// The table behind `h` when `key` is usable too; otherwise null with detail 1
+// (no table) or 3 (no key bytes).
+Table *keyed_table(void *h, const sPChar *key, int *err)
+{
+    Table *t = table_of(h, err);
+    if (t && !valid_key(key)) {
+        *err = 3;
+        return nullptr;
+    }
+    return t;
+}
+
 void hand_out(const Entry *e, sPChar *key_out, void **value_out)
 {
     if (key_out)
@@ -319,13 +331,9 @@ int zel_hash_clear(void *h, int *err)
 
 int zel_hash_add(void *h, sPChar *key, void *value, int *err)
 {
-    Table *t = table_of(h, err);
+    Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
-    if (!valid_key(key)) {
-        *err = 3;
-        return 0;
-    }
     uint32_t hash = t->function(key->data, key->len);
     if (Entry **found = find_exact(t, key, hash)) {
         (*found)->value = value;
@@ -356,13 +364,9 @@ int zel_hash_add(void *h, sPChar *key, void *value, int *err)
 
 int zel_hash_delete(void *h, sPChar *key, void **value_out, int *err)
 {
-    Table *t = table_of(h, err);
+    Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
-    if (!valid_key(key)) {
-        *err = 3;
-        return 0;
-    }
     uint32_t hash = t->function(key->data, key->len);
     Entry **link = find_exact(t, key, hash);
     if (!link) {
@@ -386,13 +390,9 @@ int zel_hash_delete(void *h, sPChar *key, void **value_out, int *err)
 
 int zel_hash_table_find(void *h, sPChar *key, void **value_out, int *err)
 {
-    Table *t = table_of(h, err);
+    Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
-    if (!valid_key(key)) {
-        *err = 3;
-        return 0;
-    }
     // The stored hash is not compared, so case-insensitive matches are found
     // only within the key's own bucket.
     for (Entry *e = t->bucket[t->function(key->data, key->len) & t->mask]; e; e = e->next) {
