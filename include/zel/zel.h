@@ -6,5 +6,6 @@
 #include "platform.h"
 #include "message.h"
 #include "containers.h"
+#include "descriptors.h"
 
 #endif /* ZEL_ZEL_H */
