@@ -1,0 +1,216 @@
+// File, timer, pipe, external and event descriptors through the public
+// interface, against real files in a private temporary folder.
+#include <zel/zel.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <tuple>
+
+#include "descriptors/descriptor_test_util.h"
+
+namespace {
+
+class Files : public ::testing::Test {
+protected:
+    std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                ("zel_descriptors_" + std::to_string(getpid()) + "_" +
+                                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::string path = (dir / "file").string();
+    uint32_t err = 99;
+
+    Files() { std::filesystem::create_directories(dir); }
+    ~Files() override { std::filesystem::remove_all(dir); }
+
+    sFileDescriptor *open(uint32_t access, uint32_t format)
+    {
+        sFdOpenRequest req{{path.data(), int32_t(path.size())}, access, format, 0, 1};
+        sFileDescriptor *fd = nullptr;
+        EXPECT_EQ(sys_fd_open(&fd, &req, &err), 1u) << "detail " << err;
+        return fd;
+    }
+    void write_records(uint32_t access, uint32_t format, std::initializer_list<std::string> records)
+    {
+        sFileDescriptor *fd = open(access, format);
+        for (const std::string &record : records) {
+            Scratch src(record);
+            EXPECT_GT(sys_fd_write(fd, 0, &src.s, &err), 0u);
+        }
+        sys_fd_close(&fd, &err);
+    }
+    void append_raw(const std::string &bytes) { std::ofstream(path, std::ios::binary | std::ios::app) << bytes; }
+    std::string contents() { std::ifstream in(path, std::ios::binary); return {std::istreambuf_iterator<char>(in), {}}; }
+};
+
+} // namespace
+
+TEST_F(Files, WriteModeEmptiesAnExistingFileAndAppendModeAddsToIt)
+{
+    write_records(SYS_FD_WRITE, SYS_FD_TEXT, {"old"});
+    write_records(SYS_FD_APPEND, SYS_FD_TEXT, {"more"});
+    EXPECT_EQ(contents(), "old\nmore\n");
+    write_records(SYS_FD_WRITE, SYS_FD_TEXT, {"new"});
+    EXPECT_EQ(contents(), "new\n");
+    EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(Files, TextLinesLoseTheirNewlineAndFollowingBlanksAndAnEmptyLineEndsTheFile)
+{
+    append_raw("first  \n\t  second\n" + std::string(1 << 20, 'x') + "\nthird\n\nhidden\n");
+    sFileDescriptor *fd = open(SYS_FD_READ, SYS_FD_TEXT);
+    Scratch line;
+    EXPECT_EQ(sys_fd_read(fd, 0, &line.s, &err), 7u);
+    EXPECT_EQ(std::string(line.s.data), "first  ") << "terminated, trailing blanks kept";
+    EXPECT_EQ(sys_fd_read(fd, 0, &line.s, &err), 6u);
+    EXPECT_EQ(line.str(), "second");
+    EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 9u) << "a line of 1 MiB is refused, and skipped";
+    EXPECT_EQ(sys_fd_read(fd, 0, &line.s, &err), 5u);
+    EXPECT_EQ(line.str(), "third");
+    EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 0u);
+    EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 0u) << "the empty line stays the end";
+    EXPECT_EQ(std::make_pair(fd->records_read, fd->bytes_read), std::make_pair(3u, 18u));
+    EXPECT_EQ(sys_fd_close(&fd, &err), 1u);
+    EXPECT_EQ(fd, nullptr);
+}
+
+TEST_F(Files, LengthPrefixedRecordsReadBackOneByOneAsWrittenAndAreMetered)
+{
+    const std::string binary = std::string("\0\n\xff", 3) + std::string(9000, 'b');
+    write_records(SYS_FD_WRITE, SYS_FD_RECORDS, {"a", binary});
+    sFileDescriptor *fd = open(SYS_FD_APPEND, SYS_FD_RECORDS);
+    Scratch empty;
+    EXPECT_FAILURE(sys_fd_write(fd, 0, &empty.s, &err), err, 2u);
+    sys_fd_close(&fd, &err);
+    EXPECT_EQ(contents(), framed("a") + framed(binary)) << "the refused record left nothing behind";
+
+    fd = open(SYS_FD_READ, SYS_FD_RECORDS);
+    Scratch record;
+    EXPECT_EQ(sys_fd_read(fd, 0, &record.s, &err), 1u);
+    EXPECT_EQ(record.str(), "a");
+    EXPECT_EQ(sys_fd_read(fd, 0, &record.s, &err), binary.size());
+    EXPECT_EQ(record.str(), binary);
+    EXPECT_FAILURE(sys_fd_read(fd, 0, &record.s, &err), err, 0u);
+    EXPECT_EQ(record.s.len, 0);
+    EXPECT_EQ((std::array{fd->records_read, fd->read_calls, fd->bytes_read}),
+              (std::array{2u, 5u, uint32_t(8 + 1 + binary.size())}));
+    sys_fd_close(&fd, &err);
+}
+
+TEST_F(Files, WritesAnswerTheLastWriteCallAndCountEveryOne)
+{
+    sFileDescriptor *fd = open(SYS_FD_WRITE, SYS_FD_TEXT);
+    Scratch line("line");
+    EXPECT_EQ(sys_fd_write(fd, 0, &line.s, &err), 1u) << "the newline comes last";
+    EXPECT_EQ((std::array{fd->records_written, fd->write_calls, fd->bytes_written}), (std::array{1u, 2u, 5u}));
+    sys_fd_close(&fd, &err);
+    fd = open(SYS_FD_WRITE, SYS_FD_WHOLE);
+    Scratch empty;
+    EXPECT_FAILURE(sys_fd_write(fd, 0, &empty.s, &err), err, 5u);
+    EXPECT_EQ(sys_fd_write(fd, 0, &line.s, &err), 4u);
+    sys_fd_close(&fd, &err);
+}
+
+TEST_F(Files, BatchedReadsKeepAPartialRecordUntilTheFileHoldsItAll)
+{
+    const std::string large(10000, 'L'), whole = framed("one") + framed(large) + framed("three");
+    append_raw(whole.substr(0, 7 + 5000));
+    sFileDescriptor *fd = open(SYS_FD_READ, SYS_FD_RECORDS);
+    Scratch batch;
+    EXPECT_EQ(sys_fd_read_buffer(fd, 0, &batch.s, &err), 1u);
+    EXPECT_EQ(batch.str(), "one");
+    EXPECT_FAILURE(sys_fd_read_buffer(fd, 0, &batch.s, &err), err, 0u) << "the large record is partial";
+    append_raw(whole.substr(7 + 5000));
+    EXPECT_EQ(sys_fd_read_buffer(fd, 0, &batch.s, &err), 1u);
+    EXPECT_EQ(batch.str(), "one" + large + "three");
+    EXPECT_FAILURE(sys_fd_read_buffer(fd, 0, &batch.s, &err), err, 4u);
+    EXPECT_EQ(fd->records_read, 3u);
+    sys_fd_close(&fd, &err);
+}
+
+TEST_F(Files, RawFilesReadWholeAndRefusalsNameTheirCause)
+{
+    write_records(SYS_FD_WRITE, SYS_FD_RAW, {std::string(5000, 'r'), "end"});
+    sFileDescriptor *fd = open(SYS_FD_READ, SYS_FD_RAW), *other = nullptr;
+    Scratch all;
+    EXPECT_EQ(sys_fd_read(fd, 0, &all.s, &err), 5003u);
+    EXPECT_FAILURE(sys_fd_read_buffer(fd, 0, &all.s, &err), err, 5u);
+    sFdOpenRequest req{{path.data(), int32_t(path.size())}, SYS_FD_READ, SYS_FD_RAW, 0, 0};
+    EXPECT_FAILURE(sys_fd_open(&fd, &req, &err), err, 3u);
+    req.access = 5;
+    EXPECT_FAILURE(sys_fd_open(&other, &req, &err), err, 5u);
+    req.access = SYS_FD_READ;
+    req.path.len = 0;
+    EXPECT_FAILURE(sys_fd_open(&other, &req, &err), err, 1u) << "an empty path cannot be opened";
+    sys_fd_close(&fd, &err);
+    EXPECT_FAILURE(sys_fd_close(&fd, &err), err, 2u);
+}
+
+TEST(Timers, AnIntervalSplitsIntoSecondsAndMicrosecondsAndMetersRoundTrip)
+{
+    double interval = 1.5;
+    sTimerDescriptor *td = nullptr, *other = nullptr;
+    uint32_t err = 99;
+    ASSERT_EQ(sys_td_open(&td, &interval, &err), 1u);
+    EXPECT_EQ(std::make_tuple(td->record->sec, td->record->usec, td->type), std::make_tuple(1u, 500000u, 3u));
+    uint64_t bits = 0;
+    EXPECT_EQ(sys_td_get_info(td, &bits, &err), 1u);
+    EXPECT_EQ(std::memcmp(&bits, &interval, sizeof bits), 0);
+    sTimeRecord start{1234, 5000};
+    sTimerMeters meters{7, nullptr, &start};
+    EXPECT_EQ(sys_td_set_meters(td, &meters, &err), 1u);
+    meters = {};
+    EXPECT_EQ(sys_td_get_meters(td, &meters, &err), 1u);
+    EXPECT_EQ(std::make_tuple(meters.expiries, meters.start->sec, meters.start->usec), std::make_tuple(7u, 1234u, 5000u));
+    EXPECT_EQ(sys_td_close(td, &err), 1u);
+    interval = 0.0;
+    EXPECT_FAILURE(sys_td_open(&other, &interval, &err), err, 2u);
+}
+
+TEST(Placeholders, EventsAnswerAsDocumentedWithoutAllocating)
+{
+    uint32_t err = 99, kind = 101;
+    void *handle = nullptr, *current = nullptr;
+    EXPECT_EQ(sys_event_open(&handle, &kind, &err), 1u);
+    EXPECT_EQ(handle, nullptr);
+    kind = 103;
+    EXPECT_FAILURE(sys_event_open(&handle, &kind, &err), err, 5u);
+    EXPECT_FAILURE(sys_event_close(&kind, &err), err, 0u);
+    EXPECT_FAILURE(sys_event_delete(&kind, nullptr, &err), err, 2u);
+    EXPECT_FAILURE(sys_event_insert(&kind, &kind, &err), err, 0u);
+    EXPECT_FAILURE(sys_event_get_first(&kind, &kind, nullptr, &err), err, 2u);
+    EXPECT_FAILURE(sys_event_get_current(&current, nullptr, &err), err, 2u);
+    EXPECT_EQ(sys_event_get_current(&current, &kind, &err), 1u);
+    EXPECT_EQ(current, &kind);
+}
+
+TEST(Placeholders, PipesForwardToTheirRoutineAndCloseWhatTheyHold)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    void *block = nullptr;
+    uint32_t err = 99, out = 0;
+    sys_mem_alloc(0, &block, nullptr, sizeof(sPipeDescriptor), &err);
+    auto *pd = static_cast<sPipeDescriptor *>(block);
+    *pd = {6, 0, ends[0], 1, {}, [](sPipeDescriptor *, uint64_t a, uint64_t b, uint32_t *e) -> uint64_t {
+               *e = 77;
+               return a + b == 3;
+           }};
+    EXPECT_EQ(sys_pd_read(pd, 1, 2, &err) + err, 1u) << "the routine's success, detail 0";
+    EXPECT_FAILURE(sys_pd_write(pd, 1, 2, &err), err, 5u);
+    EXPECT_EQ(sys_pd_get_type(pd, &out, &err) * out, 1u);
+    EXPECT_EQ(sys_pd_close(&pd, &err), 1u);
+    EXPECT_EQ(close(ends[0]), -1) << "closed with the record";
+    close(ends[1]);
+
+    int32_t number = -1, *extd = nullptr;
+    EXPECT_FAILURE(sys_extd_open(&extd, &number, &err), err, 5u);
+    number = 4;
+    EXPECT_EQ(sys_extd_open(&extd, &number, &err) && *extd == 4, true);
+    EXPECT_EQ(sys_extd_close(&extd, &err) && extd == nullptr, true);
+}
