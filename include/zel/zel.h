@@ -5,7 +5,10 @@
 #include "types.h"
 #include "platform.h"
 #include "message.h"
+#include "compress.h"
 #include "containers.h"
 #include "descriptors.h"
+#include "config.h"
+#include "log.h"
 
 #endif /* ZEL_ZEL_H */
