@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test: a plain build, a build with
-# AddressSanitizer and UndefinedBehaviorSanitizer (halting on any report),
-# then each fuzz target for a short, fixed time on top of its seed corpus.
+# AddressSanitizer and UndefinedBehaviorSanitizer (halting on any report), a
+# ThreadSanitizer build of the suites that run several threads, then each
+# fuzz target for a short, fixed time on top of its seed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -34,6 +35,12 @@ echo "== sanitizer build (address, undefined)"
 configure_and_build build-asan -DZEL_SANITIZE=ON -DZEL_BENCH=OFF
 ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
   run_ctest build-asan
+
+echo "== thread sanitizer build (tests labelled threads)"
+cmake -S . -B build-tsan -G Ninja -DZEL_TSAN=ON -DZEL_BENCH=OFF >/dev/null
+cmake --build build-tsan -j"$jobs" --target test_api test_descriptors
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir build-tsan -j"$jobs" -L threads --output-on-failure --timeout 300 | tee -a "$summary"
 
 echo "== fuzzing, ${fuzz_seconds}s per target"
 CC=clang CXX=clang++ configure_and_build build-fuzz -DZEL_FUZZ=ON -DZEL_BENCH=OFF

@@ -10,5 +10,6 @@
 #include "descriptors.h"
 #include "config.h"
 #include "log.h"
+#include "engine.h"
 
 #endif /* ZEL_ZEL_H */
