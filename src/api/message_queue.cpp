@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <string>
 
@@ -43,7 +44,12 @@ MessageTarget::~MessageTarget()
     queue_->targets_.erase(id_);
 }
 
-ThreadQueue::ThreadQueue() : event_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+ThreadQueue::ThreadQueue() : event_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    // Without a descriptor the queue still works, but pumps cannot wait.
+    if (event_fd_ < 0)
+        alert("No event descriptor for this thread's message queue: pumps will not wait");
+}
 
 ThreadQueue::~ThreadQueue()
 {
@@ -62,22 +68,36 @@ const std::shared_ptr<ThreadQueue> &ThreadQueue::current()
 
 void ThreadQueue::post(uint64_t target, uint32_t message, uintptr_t wparam, intptr_t lparam, Dispose dispose)
 {
-    std::lock_guard<std::mutex> guard(lock_);
-    // The descriptor is signalled when the queue becomes non-empty and reset
-    // when it is emptied, both under the lock, so it is readable exactly
-    // while messages wait.
-    if (pending_.empty()) {
+    bool was_empty;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        was_empty = pending_.empty();
+        pending_.push_back(Posted{target, message, wparam, lparam, dispose});
+    }
+    // Signalled when the queue becomes non-empty, after the lock is let go so
+    // that the woken thread does not block on it. A pump resets the
+    // descriptor under the lock, so no wake-up is lost: a post after the
+    // reset finds the queue empty and signals again. A late signal can leave
+    // the descriptor readable with nothing queued; the next pump clears it.
+    if (was_empty) {
         uint64_t one = 1;
         while (::write(event_fd_, &one, sizeof one) < 0 && errno == EINTR) {
         }
     }
-    pending_.push_back(Posted{target, message, wparam, lparam, dispose});
 }
 
 void ThreadQueue::wait_for_posts(int timeout_ms)
 {
+    if (event_fd_ < 0)
+        return;
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     pollfd readable{event_fd_, POLLIN, 0};
     while (::poll(&readable, 1, timeout_ms) < 0 && errno == EINTR) {
+        if (timeout_ms > 0) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            timeout_ms = left > 0 ? int(left) : 0;
+        }
     }
 }
 
