@@ -1,0 +1,409 @@
+// The receive window: what workers post arrives here on the application
+// thread and is handed to services, reply receivers and watches.
+#include "api/receive_window.h"
+
+#include <zel/containers.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <list>
+
+#include "api/alert.h"
+#include "api/batch_buffer.h"
+
+namespace {
+
+constexpr int reply_tag = 32767;
+constexpr int request_number_tag = 32760;
+constexpr int service_name_tag = 0;
+
+// Counters of the meters, by position.
+enum Meter {
+    active_watches = 0,
+    messages_handled = 1,
+    service_requests = 2,
+    replies = 4,
+    watch_passes = 5,
+    received_bytes = 13,
+    messages_seen = 15,
+    largest_batch = 17
+};
+
+void dispose_batch(intptr_t lparam)
+{
+    delete reinterpret_cast<zel::BatchBuffer *>(lparam);
+}
+
+// A receiver's code must not take dispatch down: what it throws becomes an
+// alert and dispatch goes on.
+template <typename Call>
+void call_receiver(Call &&call)
+{
+    try {
+        call();
+    } catch (...) {
+        zel::alert("A receiver failed while handling a message");
+    }
+}
+
+// The receivers already called for one message; rarely more than a few.
+class CalledOnce {
+public:
+    bool contains(const CZelReceiver *r) const
+    {
+        return std::find(few_.begin(), few_.begin() + count_, r) != few_.begin() + count_ ||
+               std::find(more_.begin(), more_.end(), r) != more_.end();
+    }
+    void add(CZelReceiver *r)
+    {
+        if (count_ < few_.size())
+            few_[count_++] = r;
+        else
+            more_.push_back(r);
+    }
+
+private:
+    std::array<CZelReceiver *, 8> few_{};
+    size_t count_ = 0;
+    std::vector<CZelReceiver *> more_;
+};
+
+const sVartoItem *first_item(const vartocb *msg, int tag)
+{
+    const sVartoSlot &slot = msg->slots[tag];
+    return slot.count > 0 ? &slot.first : nullptr;
+}
+
+bool matches(const sWatchData &watch, const vartocb *msg)
+{
+    for (size_t k = 0; k < watch.tags.size(); ++k) {
+        int tag = watch.tags[k];
+        if (tag < 0 || tag >= ZEL_TAG_SLOTS)
+            return false;
+        const sVartoItem *item = first_item(msg, tag);
+        if (!item)
+            return false;
+        const std::string &wanted = watch.values[k];
+        if (!wanted.empty() &&
+            (size_t(item->len) != wanted.size() || std::memcmp(item->data, wanted.data(), wanted.size()) != 0))
+            return false;
+    }
+    return true;
+}
+
+// The parse block for one dispatch: the window's own, or a fresh one when a
+// receiver pumps messages from inside a dispatch.
+class ParseBlock {
+public:
+    ParseBlock(vartocb *own, bool &in_use) : in_use_(in_use)
+    {
+        int err;
+        if (!in_use_ && own) {
+            block_ = own;
+            in_use_ = owned_ = true;
+        } else if (!zel_ctor_vartocb(&block_, &err)) {
+            zel::alert("Vartocb ctor failed");
+        }
+    }
+    ~ParseBlock()
+    {
+        int err;
+        if (owned_)
+            in_use_ = false;
+        else if (block_)
+            zel_dtor_vartocb(&block_, &err);
+    }
+    vartocb *get() const { return block_; }
+
+private:
+    bool &in_use_;
+    bool owned_ = false;
+    vartocb *block_ = nullptr;
+};
+
+bool parse_request_number(const sVartoItem &item, uint64_t *number)
+{
+    const char *end = item.data + item.len;
+    auto [at, ec] = std::from_chars(item.data, end, *number);
+    return item.len > 0 && ec == std::errc() && at == end;
+}
+
+} // namespace
+
+uint32_t CIntRxWnd::on_msg()
+{
+    static const uint32_t id = zel::register_message("VARTO{807E08DE-96F8-4ef2-B188-77F24DAF8032}_ON_MSG");
+    return id;
+}
+
+uint32_t CIntRxWnd::on_status()
+{
+    static const uint32_t id = zel::register_message("VARTO{1E068D4C-39C6-4F00-B30A-79C98C918608}_ON_STATUS");
+    return id;
+}
+
+uint32_t CIntRxWnd::unknown_req()
+{
+    static const uint32_t id = zel::register_message("VARTO{BDC6DCA5-DF9C-4C1D-BE8D-6440939B7F71}_UNKNOWN_REQ");
+    return id;
+}
+
+CIntRxWnd::CIntRxWnd() : monitor_(*this)
+{
+    int err = 0;
+    if (!zel_ctor_vartocb(&parsed_, &err))
+        zel::alert("Vartocb ctor failed");
+    sZELHashParams services{256, {const_cast<char *>("hashr_torek"), 11}, nullptr};
+    if (!zel_hash_open(&services_, &services, &err))
+        zel::alert("Hash open Error");
+}
+
+CIntRxWnd::~CIntRxWnd()
+{
+    int err;
+    for (sWatchData *watch : watches_)
+        delete watch;
+    for (sAddWatchData *request : pending_)
+        delete request;
+    if (services_)
+        zel_hash_close(&services_, &err);
+    if (parsed_)
+        zel_dtor_vartocb(&parsed_, &err);
+}
+
+// ---- Worker side ----------------------------------------------------------
+
+void CIntRxWnd::post_block(const char *bytes, int32_t len, int32_t messages)
+{
+    count(received_bytes, uint64_t(len > 0 ? len : 0));
+    zel::wait_for_batch_room();
+    auto *batch = new zel::BatchBuffer;
+    if (!batch->append(bytes, len, messages)) {
+        delete batch;
+        return;
+    }
+    queue()->post(target_id(), on_msg(), on_msg(), reinterpret_cast<intptr_t>(batch), dispose_batch);
+}
+
+void CIntRxWnd::post_status_change()
+{
+    queue()->post(target_id(), on_status(), on_status(), 0);
+}
+
+// ---- Application thread ---------------------------------------------------
+
+void CIntRxWnd::handle(uint32_t message, uintptr_t wparam, intptr_t lparam)
+{
+    if (wparam != message)
+        return;
+    if (message == on_status()) {
+        int err = 0;
+        if (listener_)
+            listener_->statusChange(status(), &err);
+        return;
+    }
+    if (message != on_msg() && message != unknown_req())
+        return;
+    auto *batch = reinterpret_cast<zel::BatchBuffer *>(lparam);
+    bool locked = message == on_msg();
+    if (locked)
+        batch->take();
+    dispatch(batch->bytes(), batch->length(), batch->messages());
+    if (locked)
+        batch->release();
+    delete batch;
+}
+
+void CIntRxWnd::dispatch(const char *bytes, int32_t len, int32_t expected)
+{
+    if (len <= 0 || !bytes)
+        return;
+    count(received_bytes, uint64_t(len));
+    raise_to(largest_batch, uint64_t(len));
+    ParseBlock block(parsed_, parsing_);
+    if (!block.get())
+        return;
+    scratchcb in{len, len, len, const_cast<char *>(bytes)};
+    int handled = 0, err = 0;
+    for (int ok = zel_parse_first_msg(block.get(), nullptr, &in, &err); ok;
+         ok = zel_parse_next_msg(block.get(), nullptr, &err)) {
+        ++handled;
+        dispatch_one(block.get());
+    }
+    count(messages_handled, uint64_t(handled));
+    // Detail 6 is the clean end of the batch; anything else means bytes that
+    // do not parse, even after as many messages as were announced.
+    if (handled < expected || err != 6)
+        zel::alert("Internal error while parsing messages, some messages are dropped");
+}
+
+void CIntRxWnd::dispatch_one(vartocb *msg)
+{
+    ++delivered_;
+    count(messages_seen);
+    if (first_item(msg, reply_tag)) {
+        complete_reply(msg);
+        count(replies);
+    } else if (first_item(msg, service_name_tag)) {
+        serve_request(msg);
+        count(service_requests);
+    } else {
+        match_watches(msg);
+        count(watch_passes);
+    }
+}
+
+void CIntRxWnd::complete_reply(vartocb *msg)
+{
+    std::vector<const sVartoItem *> numbers;
+    for (const sVartoItem *item = first_item(msg, request_number_tag); item; item = item->next)
+        numbers.push_back(item);
+    // The last request number carried is the most recent hop: try it first.
+    for (auto item = numbers.rbegin(); item != numbers.rend(); ++item) {
+        uint64_t number = 0;
+        if (!parse_request_number(**item, &number))
+            continue;
+        auto found = std::find_if(pending_.rbegin(), pending_.rend(),
+                                  [number](const sAddWatchData *r) { return r->request_number == number; });
+        if (found == pending_.rend())
+            continue;
+        sAddWatchData *request = *found;
+        pending_.erase(std::next(found).base());
+        if (CZelReceiver::isRegistered(request->receiver)) {
+            int err = 0;
+            call_receiver([&] { request->receiver->processReply(msg, ZEL_KIND_REPLY, request, request->context, &err); });
+        }
+        delete request;
+        return;
+    }
+}
+
+void CIntRxWnd::serve_request(vartocb *msg)
+{
+    const sVartoItem *name = first_item(msg, service_name_tag);
+    sPChar key{name->data, name->len};
+    void *found = nullptr;
+    int err = 0;
+    if (!services_ || key.len <= 0 || !zel_hash_table_find(services_, &key, &found, &err))
+        return;
+    auto *receiver = static_cast<CZelReceiver *>(found);
+    if (CZelReceiver::isRegistered(receiver))
+        call_receiver([&] { receiver->processMsg(msg, ZEL_KIND_SERVICE_REQUEST, nullptr, nullptr, &err); });
+}
+
+void CIntRxWnd::match_watches(vartocb *msg)
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    ++dispatch_depth_;
+    CalledOnce called;
+    // Newest first. Watches added by a receiver during the walk wait for the
+    // next message; removed ones leave a null behind until the walk ends.
+    for (size_t i = watches_.size(); i-- > 0;) {
+        sWatchData *watch = watches_[i];
+        if (!watch || !watch->receiver || called.contains(watch->receiver) || !matches(*watch, msg))
+            continue;
+        CZelReceiver *receiver = watch->receiver;
+        called.add(receiver);
+        if (!CZelReceiver::isRegistered(receiver))
+            continue;
+        int err = 0;
+        call_receiver([&] { receiver->processMsg(msg, ZEL_KIND_WATCH_MATCH, watch, watch->context, &err); });
+    }
+    if (--dispatch_depth_ == 0)
+        compact_watches();
+}
+
+// ---- Tables -------------------------------------------------------------
+
+void CIntRxWnd::add_watch(sWatchData *watch)
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    watches_.push_back(watch);
+    count(active_watches);
+}
+
+int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &match)
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    int removed = 0;
+    for (size_t i = watches_.size(); i-- > 0;) {
+        sWatchData *watch = watches_[i];
+        if (!watch || !match(*watch))
+            continue;
+        watches_[i] = nullptr;
+        delete watch;
+        meters_[active_watches].fetch_sub(1, std::memory_order_relaxed);
+        ++removed;
+    }
+    if (dispatch_depth_ == 0)
+        compact_watches();
+    return removed;
+}
+
+bool CIntRxWnd::remove_watch(sWatchData *watch)
+{
+    return watch && remove_watches([watch](const sWatchData &w) { return &w == watch; }) > 0;
+}
+
+void CIntRxWnd::for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit)
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    for (size_t i = watches_.size(); i-- > 0;)
+        if (watches_[i])
+            visit(*watches_[i]);
+}
+
+void CIntRxWnd::compact_watches()
+{
+    watches_.erase(std::remove(watches_.begin(), watches_.end(), nullptr), watches_.end());
+}
+
+void CIntRxWnd::add_pending(sAddWatchData *request)
+{
+    pending_.push_back(request);
+}
+
+bool CIntRxWnd::register_service(const sPChar &name, CZelReceiver *receiver, int *err)
+{
+    if (!services_ || !name.data || name.len <= 0) {
+        *err = 2;
+        return false;
+    }
+    sPChar key = name;
+    void *existing = nullptr;
+    // The table keeps a pointer to its keys: a new name gets a copy that
+    // lives as long as the window.
+    if (!zel_hash_table_find(services_, &key, &existing, err)) {
+        service_names_.emplace_back(name.data, size_t(name.len));
+        key = sPChar{service_names_.back().data(), name.len};
+    }
+    return zel_hash_add(services_, &key, receiver, err);
+}
+
+// ---- Meters ---------------------------------------------------------------
+
+void CIntRxWnd::count(int counter, uint64_t amount)
+{
+    meters_[counter].fetch_add(amount, std::memory_order_relaxed);
+}
+
+void CIntRxWnd::raise_to(int counter, uint64_t value)
+{
+    uint64_t seen = meters_[counter].load(std::memory_order_relaxed);
+    while (seen < value && !meters_[counter].compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+    }
+}
+
+void CIntRxWnd::read_meters(sZelMeters *out) const
+{
+    for (int i = 0; i < 21; ++i)
+        out->counters[i] = meters_[i].load(std::memory_order_relaxed);
+}
+
+void CIntRxWnd::reset_meters()
+{
+    for (auto &counter : meters_)
+        counter.store(0, std::memory_order_relaxed);
+}

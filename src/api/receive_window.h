@@ -1,0 +1,98 @@
+// The connection's receive window and context: it owns the watch, pending
+// request and service tables, the status, the listener and the meters, and
+// dispatches the batches that workers post to it on the application thread.
+#pragma once
+
+#include <zel/engine.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "api/connection_monitor.h"
+#include "api/message_queue.h"
+
+namespace zel {
+class BatchBuffer;
+}
+
+class CIntRxWnd : public zel::MessageTarget {
+public:
+    // Process-wide ids of the three registered messages.
+    static uint32_t on_msg();
+    static uint32_t on_status();
+    static uint32_t unknown_req();
+
+    CIntRxWnd();
+    ~CIntRxWnd() override;
+
+    // ---- Worker side: any thread ------------------------------------------
+    // Counts the bytes, waits for batch room, and posts the bytes of
+    // `messages` whole messages as one batch. A zero-length block is posted
+    // too (it is dropped, silently, on delivery).
+    void post_block(const char *bytes, int32_t len, int32_t messages = 1);
+    // Asks for the listener to be told the status current when it runs.
+    void post_status_change();
+    CVartoSpy &monitor() { return monitor_; }
+
+    // ---- Application thread ------------------------------------------------
+    void handle(uint32_t message, uintptr_t wparam, intptr_t lparam) override;
+    // Parses `len` bytes holding `expected` whole messages and hands each to
+    // its service, reply or watches. Raises one alert when fewer messages
+    // could be parsed than expected.
+    void dispatch(const char *bytes, int32_t len, int32_t expected);
+
+    // The watch table. Guarded by lock(); a watch removed while a dispatch
+    // walks the table is never called again. The table owns its watches.
+    std::recursive_mutex &lock() { return lock_; }
+    void add_watch(sWatchData *watch);
+    bool remove_watch(sWatchData *watch);
+    // Removes every watch `match` accepts; answers how many.
+    int remove_watches(const std::function<bool(const sWatchData &)> &match);
+    // Calls `visit` for every live watch, newest first, under the lock.
+    void for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit);
+
+    // Requests waiting for replies; the table owns them.
+    void add_pending(sAddWatchData *request);
+    // Services by name: a request naming one calls its receiver.
+    bool register_service(const sPChar &name, CZelReceiver *receiver, int *err);
+
+    int status() const { return status_.load(std::memory_order_acquire); }
+    void set_status(int status) { status_.store(status, std::memory_order_release); }
+    void set_listener(CZelListener *listener) { listener_ = listener; }
+    void set_heartbeat_listener(CZelHeartbeatListener *listener) { heartbeat_listener_ = listener; }
+    CZelHeartbeatListener *heartbeat_listener() const { return heartbeat_listener_; }
+
+    // Meters: any thread.
+    void count(int counter, uint64_t amount = 1);
+    void raise_to(int counter, uint64_t value);
+    void read_meters(sZelMeters *out) const;
+    void reset_meters();
+    uint32_t delivered() const { return delivered_; }
+
+private:
+    void dispatch_one(vartocb *msg);
+    void complete_reply(vartocb *msg);
+    void serve_request(vartocb *msg);
+    void match_watches(vartocb *msg);
+    void compact_watches();
+
+    CVartoSpy monitor_;
+    std::atomic<int> status_{ZEL_STATUS_CREATED};
+    CZelListener *listener_ = nullptr;
+    CZelHeartbeatListener *heartbeat_listener_ = nullptr;
+    vartocb *parsed_ = nullptr;
+    void *services_ = nullptr;                   // name -> CZelReceiver*
+    std::atomic<uint64_t> meters_[21] = {};
+    std::recursive_mutex lock_;
+    std::vector<sWatchData *> watches_;          // null: removed during a dispatch
+    int dispatch_depth_ = 0;                     // guarded by lock_
+    std::vector<sAddWatchData *> pending_;
+    std::list<std::string> service_names_;       // the service table's keys
+    bool parsing_ = false;                        // parsed_ is in use
+    uint32_t delivered_ = 0;
+};

@@ -1,0 +1,372 @@
+// Delivery of worker batches to receivers on the application thread: matching
+// against watches, services and replies, receivers that change the tables or
+// die mid-dispatch, damaged batches, back-pressure and the meters.
+#include <gtest/gtest.h>
+#include <zel/engine.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "api/batch_buffer.h"
+#include "api/receive_window.h"
+
+namespace {
+
+using Fields = std::vector<std::pair<int, std::string>>;
+
+// One message in wire form, built by the library.
+std::string msg(const Fields &fields)
+{
+    int err = 0;
+    vartocb *m = nullptr;
+    scratchcb *out = nullptr;
+    zel_ctor_vartocb(&m, &err);
+    zel_open_scratch(&out, 64, &err);
+    zel_start_msg(m, out, &err);
+    for (const auto &[tag, value] : fields) {
+        sPChar v{value.empty() ? nullptr : const_cast<char *>(value.data()), int32_t(value.size())};
+        EXPECT_EQ(zel_add_data(m, tag, 1, &v, &err), 1);
+    }
+    std::string bytes(out->data, size_t(out->len));
+    zel_close_scratch(&out, &err);
+    zel_dtor_vartocb(&m, &err);
+    return bytes;
+}
+std::string msg5(const std::string &value) { return msg({{5, value}}); }
+
+// What a receiver was called with; `item` is the watch, or the request of a reply.
+struct Call {
+    std::string who, value; // value: the message's field 5
+    int kind;
+    void *item, *context;
+    std::thread::id thread;
+};
+std::vector<Call> calls;
+std::vector<std::string> alerts;
+
+struct Recv : CZelReceiver {
+    std::string name;
+    std::function<void()> action; // runs after the call is logged; may destroy this
+    explicit Recv(std::string n) : name(std::move(n)) {}
+    int log(vartocb *m, int kind, void *item, void *ctx)
+    {
+        sPChar v{};
+        int err = 0;
+        std::string value = zel_get_data(m, 5, 0, &v, &err) ? std::string(v.data, size_t(v.len)) : "";
+        calls.push_back({name, value, kind, item, ctx, std::this_thread::get_id()});
+        if (auto act = action) // a copy: the member may die with this receiver
+            act();
+        return 1;
+    }
+    int processMsg(vartocb *m, int kind, sWatchData *w, void *ctx, int *) override { return log(m, kind, w, ctx); }
+    int processReply(vartocb *m, int kind, void *rq, void *ctx, int *) override { return log(m, kind, rq, ctx); }
+};
+
+std::vector<std::string> callers()
+{
+    std::vector<std::string> who;
+    for (const Call &c : calls)
+        who.push_back(c.who);
+    return who;
+}
+
+void pump_all()
+{
+    while (zel_pump_messages(0) > 0) {
+    }
+}
+
+class Delivery : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        calls.clear();
+        alerts.clear();
+        zel_set_alert_handler([](const char *text) { alerts.emplace_back(text); });
+    }
+    void TearDown() override
+    {
+        zel_set_alert_handler(nullptr);
+        EXPECT_EQ(zel::BatchBuffer::live(), live_at_start) << "a batch buffer leaked";
+    }
+    sWatchData *add(CZelReceiver *r, std::vector<int> tags, std::vector<std::string> values, void *ctx = nullptr)
+    {
+        auto *w = new sWatchData{std::move(tags), std::move(values), r, ctx, "", ""};
+        window.add_watch(w);
+        return w;
+    }
+    // Posts from this thread, then pumps until the queue is empty.
+    void deliver(const std::string &bytes, int messages = 1)
+    {
+        window.post_block(bytes.data(), int32_t(bytes.size()), messages);
+        pump_all();
+    }
+    std::vector<uint64_t> meters()
+    {
+        sZelMeters m{};
+        window.read_meters(&m);
+        return std::vector<uint64_t>(m.counters, m.counters + 21);
+    }
+    bool register_service(const char *name, CZelReceiver *r)
+    {
+        int err = 0;
+        return window.register_service(sPChar{const_cast<char *>(name), int32_t(strlen(name))}, r, &err);
+    }
+
+    int32_t live_at_start = zel::BatchBuffer::live();
+    CIntRxWnd window;
+};
+
+// ---- Delivery --------------------------------------------------------------
+
+TEST_F(Delivery, WorkerBatchesReachTheWatchOnThePumpingThreadInOrder)
+{
+    Recv r("r");
+    int ctx = 0;
+    sWatchData *w = add(&r, {5}, {""}, &ctx);
+    const int count = 40;
+    std::thread worker([&] {
+        for (int i = 0; i < count; ++i) {
+            std::string m = msg5("m" + std::to_string(i));
+            window.post_block(m.data(), int32_t(m.size()));
+        }
+    });
+    for (int handled = 0; handled < count;)
+        handled += zel_pump_messages(-1);
+    worker.join();
+    ASSERT_EQ(calls.size(), size_t(count));
+    for (int i = 0; i < count; ++i) {
+        const Call &c = calls[size_t(i)];
+        EXPECT_EQ(c.value, "m" + std::to_string(i));
+        EXPECT_EQ(std::make_tuple(c.kind, c.item, c.context), std::make_tuple(2, (void *)w, (void *)&ctx));
+        EXPECT_EQ(c.thread, std::this_thread::get_id());
+    }
+    calls.clear();
+    deliver(msg5("a") + msg5("b") + msg5("c"), 3); // one batch, several whole messages
+    EXPECT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls.back().value, "c");
+    EXPECT_TRUE(alerts.empty());
+}
+
+// ---- Matching ----------------------------------------------------------------
+
+TEST_F(Delivery, WatchesMatchNewestFirstAndAReceiverIsCalledOncePerMessage)
+{
+    Recv a("a"), b("b"), c("c");
+    add(&c, {5}, {""});
+    add(nullptr, {5}, {""}); // never called, never in the way
+    add(&a, {5}, {""});
+    add(&b, {5}, {"x"});
+    sWatchData *newest = add(&a, {5, 6}, {"x", ""});
+    deliver(msg({{5, "x"}, {6, "y"}}));
+    EXPECT_EQ(callers(), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(calls[0].item, newest);
+}
+
+TEST_F(Delivery, EmptyValueMatchesAnyValueButNotAMissingFieldAndValuesCompareExactly)
+{
+    Recv any("any"), exact("exact");
+    add(&any, {7}, {""});
+    add(&exact, {5}, {"IBM"});
+    deliver(msg5("IBM"));
+    deliver(msg({{5, "ibm"}, {7, "z"}}));
+    deliver(msg5("IBMX"));
+    deliver(msg5("IB"));
+    EXPECT_EQ(callers(), (std::vector<std::string>{"exact", "any"}));
+}
+
+// ---- Services and replies ------------------------------------------------------
+
+TEST_F(Delivery, AServiceRequestGoesOnlyToItsServiceAndUnknownNamesAreCounted)
+{
+    Recv svc("svc"), watcher("watcher");
+    ASSERT_TRUE(register_service("quotes", &svc));
+    add(&watcher, {5}, {""});
+    deliver(msg({{0, "quotes"}, {5, "a"}}) + msg({{0, "nobody"}, {5, "b"}}), 2);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(std::make_tuple(calls[0].who, calls[0].kind, calls[0].item, calls[0].context, calls[0].value),
+              std::make_tuple(std::string("svc"), 1, nullptr, nullptr, std::string("a")));
+    EXPECT_EQ(std::make_pair(meters()[2], meters()[5]), std::make_pair(2ul, 0ul));
+    EXPECT_TRUE(alerts.empty());
+}
+
+TEST_F(Delivery, AReplyCompletesItsPendingRequestOnceTryingTheLastNumberFirst)
+{
+    Recv req("req"), svc("svc"), watcher("watcher");
+    ASSERT_TRUE(register_service("quotes", &svc));
+    add(&watcher, {32767}, {""});
+    add(&watcher, {5}, {""});
+    int c1 = 0, c2 = 0;
+    auto *p1 = new sAddWatchData{11, &req, &c1};
+    auto *p2 = new sAddWatchData{140737488355327ull, &req, &c2}; // wider than 32 bits
+    window.add_pending(p1);
+    window.add_pending(p2);
+    deliver(msg({{32767, "r"}, {0, "quotes"}, {5, "v"}, {32760, "11"}, {32760, "140737488355327"}}));
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(std::make_tuple(calls[0].who, calls[0].kind, calls[0].item, calls[0].context),
+              std::make_tuple(std::string("req"), 3, (void *)p2, (void *)&c2));
+    deliver(msg({{32767, "r"}, {32760, "140737488355327"}})); // already completed
+    deliver(msg({{32767, "r"}, {32760, "11"}}));
+    deliver(msg({{32767, "r"}, {32760, "11"}}));
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(std::make_tuple(calls[1].kind, calls[1].item, calls[1].context),
+              std::make_tuple(3, (void *)p1, (void *)&c1));
+    EXPECT_EQ(std::make_tuple(meters()[4], meters()[2], meters()[5]), std::make_tuple(4ul, 0ul, 0ul));
+}
+
+TEST_F(Delivery, ARequestWhoseReceiverWasDestroyedIsNeverCompleted)
+{
+    auto *gone = new Recv("gone");
+    window.add_pending(new sAddWatchData{7, gone, nullptr});
+    delete gone;
+    deliver(msg({{32767, "r"}, {32760, "7"}}));
+    EXPECT_TRUE(calls.empty());
+}
+
+// ---- Receivers that change things from inside their call -----------------------
+
+TEST_F(Delivery, AReceiverMayRemoveItsOwnAndOthersWatchesDuringDispatch)
+{
+    Recv keeper("keeper"), victim("victim"), remover("remover");
+    add(&keeper, {5}, {""});
+    add(&victim, {5}, {""});
+    sWatchData *own = add(&remover, {5}, {""});
+    remover.action = [&] {
+        EXPECT_EQ(window.remove_watches([&](const sWatchData &w) { return w.receiver == &victim; }), 1);
+        EXPECT_TRUE(window.remove_watch(own));
+    };
+    deliver(msg5("1") + msg5("2"), 2);
+    EXPECT_EQ(callers(), (std::vector<std::string>{"remover", "keeper", "keeper"}));
+}
+
+TEST_F(Delivery, AReceiverMayDestroyItselfOrAnotherDuringDispatch)
+{
+    Recv survivor("survivor"), killer("killer");
+    auto *other = new Recv("other"), *self = new Recv("self");
+    for (CZelReceiver *r : std::initializer_list<CZelReceiver *>{&survivor, other, self, self, &killer})
+        add(r, {5}, {""}); // walked from killer down to survivor
+    killer.action = [&] { delete std::exchange(other, nullptr); };
+    self->action = [self] { delete self; };
+    deliver(msg5("1") + msg5("2"), 2);
+    EXPECT_EQ(callers(), (std::vector<std::string>{"killer", "self", "survivor", "killer", "survivor"}));
+}
+
+TEST_F(Delivery, AThrowingReceiverRaisesAnAlertAndDispatchGoesOn)
+{
+    Recv quiet("quiet"), thrower("thrower");
+    add(&quiet, {5}, {""});
+    add(&thrower, {5}, {""});
+    int throws = 1;
+    thrower.action = [&] {
+        if (throws-- > 0)
+            throw std::runtime_error("receiver failed");
+    };
+    deliver(msg5("1") + msg5("2"), 2);
+    EXPECT_EQ(callers(), (std::vector<std::string>{"thrower", "quiet", "thrower", "quiet"}));
+    EXPECT_EQ(alerts.size(), 1u);
+}
+
+// ---- Damaged batches -------------------------------------------------------------
+
+TEST_F(Delivery, AnEmptyBatchIsDroppedSilently)
+{
+    Recv r("r");
+    add(&r, {}, {});
+    deliver(std::string(), 1);
+    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(alerts.empty());
+}
+
+TEST_F(Delivery, AnUnparsableBatchRaisesOneAlertAfterDeliveringTheWholeMessagesBeforeIt)
+{
+    const std::string dropped = "Internal error while parsing messages, some messages are dropped";
+    Recv r("r");
+    add(&r, {5}, {""});
+    deliver("\x01\x02 not a message", 1);
+    EXPECT_EQ(alerts, std::vector<std::string>{dropped});
+    std::string third = msg5("3");
+    deliver(msg5("1") + msg5("2") + third.substr(0, third.size() - 3), 3);
+    EXPECT_EQ(alerts, (std::vector<std::string>{dropped, dropped}));
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].value, "2");
+    deliver(msg5("4") + "trailing garbage", 1); // as many messages as announced, then bytes that do not parse
+    EXPECT_EQ(alerts.size(), 3u);
+    EXPECT_EQ(calls.size(), 3u);
+}
+
+TEST_F(Delivery, ABatchForADestroyedWindowIsFreedNotDelivered)
+{
+    Recv r("r");
+    auto doomed = std::make_unique<CIntRxWnd>();
+    doomed->add_watch(new sWatchData{{5}, {""}, &r, nullptr, "", ""});
+    std::string m = msg5("x");
+    doomed->post_block(m.data(), int32_t(m.size()));
+    EXPECT_EQ(zel::BatchBuffer::live(), live_at_start + 1);
+    doomed.reset();
+    pump_all();
+    EXPECT_TRUE(calls.empty()); // TearDown checks that the buffer is gone
+}
+
+// ---- Back-pressure ------------------------------------------------------------------
+
+TEST(BackPressure, WaitsFrom3001LiveBatchesUntilBelow1000AtMost100Pauses)
+{
+    std::vector<std::unique_ptr<zel::BatchBuffer>> held;
+    auto fill_to = [&](int32_t n) {
+        while (zel::BatchBuffer::live() < n)
+            held.push_back(std::make_unique<zel::BatchBuffer>());
+    };
+    int pauses = 0;
+    fill_to(3000);
+    EXPECT_EQ(zel::wait_for_batch_room([&] { ++pauses; }), 0);
+    fill_to(3001);
+    EXPECT_EQ(zel::wait_for_batch_room([&] { ++pauses; }), 100); // nothing frees: gives up
+    EXPECT_EQ(pauses, 100);
+    pauses = 0;
+    // Each pause frees 500: the counts read are 3001, 2501, ..., 1001, 501;
+    // the pause after reading 501 is the last.
+    int made = zel::wait_for_batch_room([&] {
+        ++pauses;
+        held.resize(held.size() > 500 ? held.size() - 500 : 0);
+    });
+    EXPECT_EQ(made, pauses);
+    EXPECT_EQ(pauses, 6);
+    EXPECT_LT(zel::BatchBuffer::live(), 1000);
+}
+
+// ---- Meters ---------------------------------------------------------------------------
+
+TEST_F(Delivery, MetersCountAKnownSequenceAndResetToZero)
+{
+    Recv r("r"), svc("svc");
+    ASSERT_TRUE(register_service("quotes", &svc));
+    add(&r, {5}, {"x"});
+    const std::string watched = msg5("x") + msg5("y"), served = msg({{0, "quotes"}}) + msg({{0, "nobody"}}),
+                      reply = msg({{32767, "r"}, {32760, "1"}});
+    window.post_block(watched.data(), int32_t(watched.size()), 2);
+    EXPECT_EQ(meters()[13], watched.size()); // counted on arrival...
+    pump_all();
+    EXPECT_EQ(meters()[13], 2 * watched.size()); // ...and again on dispatch
+    deliver(served, 2);
+    deliver(reply);
+    std::vector<uint64_t> expected(21, 0);
+    expected[1] = expected[15] = 5;
+    expected[2] = expected[5] = 2;
+    expected[4] = 1;
+    expected[13] = 2 * (watched.size() + served.size() + reply.size());
+    expected[17] = std::max({watched.size(), served.size(), reply.size()});
+    expected[0] = meters()[0]; // active watches are counted where watches are made
+    EXPECT_EQ(meters(), expected);
+    EXPECT_EQ(window.delivered(), 5u);
+    window.reset_meters();
+    EXPECT_EQ(meters(), std::vector<uint64_t>(21, 0));
+}
+
+} // namespace

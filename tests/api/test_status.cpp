@@ -1,0 +1,157 @@
+// Connection status: the rules that turn worker reports into a status and a
+// notification, the listener calls they lead to on the application thread,
+// and the rebinding of every watch while connected.
+#include <gtest/gtest.h>
+#include <zel/engine.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/connection_monitor.h"
+#include "api/receive_window.h"
+
+namespace {
+
+const char *const success = "connection success";
+const char *const not_open = "connection not open";
+const char *const retry = "recovery attempt failed, trying again";
+const char *const given_up = "no of reconnection attempts limit breached. shutting down.";
+
+void expect_rule(int current, const std::string &text, int status, bool notify)
+{
+    zel::StatusChange got = zel::next_status(current, text);
+    EXPECT_EQ(std::make_pair(got.status, got.notify), std::make_pair(status, notify))
+        << "from " << current << " on \"" << text << "\"";
+}
+
+TEST(StatusRules, AFailureBeforeConnectingGoesTo3NotifiedOnce)
+{
+    for (const char *text : {not_open, retry, given_up}) {
+        expect_rule(1, text, 3, true);
+        expect_rule(3, text, 3, false);
+    }
+}
+
+TEST(StatusRules, ADropWhileConnectedGoesTo4ThenTo3EachNotified)
+{
+    expect_rule(2, not_open, 4, true);
+    expect_rule(4, retry, 3, true);
+    expect_rule(4, given_up, 3, true);
+    expect_rule(4, not_open, 3, false);
+    expect_rule(2, retry, 3, true);
+}
+
+TEST(StatusRules, ConnectionSuccessAlwaysGoesTo2Notified)
+{
+    for (int from : {1, 2, 3, 4})
+        expect_rule(from, success, 2, true);
+}
+
+TEST(StatusRules, AKnownTextWithACodeCountsAsTheKnownText)
+{
+    expect_rule(2, "connection not open : 104", 4, true);
+    expect_rule(1, "connection not open : 111", 3, true);
+    expect_rule(4, "recovery attempt failed, trying again : 111", 3, true);
+}
+
+TEST(StatusRules, AnyOtherTextChangesNothing)
+{
+    for (int from : {1, 2, 3, 4})
+        for (const char *text : {"", "publish failed", "connection successful", "connection not opened"})
+            expect_rule(from, text, from, false);
+}
+
+struct Listener : CZelListener {
+    std::vector<int> seen;
+    int statusChange(int status, int *err) override
+    {
+        EXPECT_EQ(*err, 0);
+        EXPECT_EQ(std::this_thread::get_id(), pumping_thread);
+        seen.push_back(status);
+        return 1;
+    }
+    std::thread::id pumping_thread = std::this_thread::get_id();
+};
+
+void pump_all()
+{
+    while (zel_pump_messages(0) > 0) {
+    }
+}
+
+TEST(ConnectionMonitor, TheListenerHearsEachNotificationOnThePumpingThreadWithTheCurrentStatus)
+{
+    CIntRxWnd window;
+    Listener listener;
+    window.set_listener(&listener);
+    std::thread([&] {
+        window.monitor().report(0, success);
+        window.monitor().report(0, not_open);
+    }).join();
+    EXPECT_EQ(window.status(), ZEL_STATUS_LOST);
+    EXPECT_TRUE(listener.seen.empty()); // nothing before the pump
+    pump_all();
+    EXPECT_EQ(listener.seen, (std::vector<int>{4, 4})); // both see the status of the moment
+    std::thread([&] {
+        for (int i = 0; i < 3; ++i)
+            window.monitor().report(0, retry);
+        window.monitor().report(0, not_open);
+        window.monitor().report(0, "publish failed");
+    }).join();
+    EXPECT_EQ(window.status(), ZEL_STATUS_RECOVERING);
+    pump_all();
+    EXPECT_EQ(listener.seen, (std::vector<int>{4, 4, 3}));
+}
+
+TEST(ConnectionMonitor, ANotificationWithoutAListenerDoesNothing)
+{
+    CIntRxWnd window;
+    window.monitor().report(0, success);
+    EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
+    pump_all();
+    Listener late;
+    window.set_listener(&late);
+    pump_all();
+    EXPECT_TRUE(late.seen.empty());
+}
+
+struct Receiver : CZelReceiver {
+    int processMsg(vartocb *, int, sWatchData *, void *, int *) override { return 1; }
+    int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
+};
+
+struct Binder : zel::WatchBinder {
+    std::vector<const sWatchData *> seen;
+    void rebind(const sWatchData &watch) override { seen.push_back(&watch); }
+};
+
+TEST(ConnectionMonitor, WhileConnectedEveryReportRebindsEveryWatchNewestFirst)
+{
+    CIntRxWnd window;
+    Binder binder;
+    window.monitor().set_binder(&binder);
+    Receiver r;
+    std::vector<sWatchData *> w;
+    for (int i = 0; i < 3; ++i) {
+        w.push_back(new sWatchData{{5}, {std::to_string(i)}, &r, nullptr, "", ""});
+        window.add_watch(w.back());
+    }
+    window.monitor().report(0, retry); // not connected: nothing to bind
+    EXPECT_TRUE(binder.seen.empty());
+    window.monitor().report(0, success);
+    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[1], w[0]}));
+    window.monitor().report(0, "publish failed"); // still connected: all again
+    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[1], w[0], w[2], w[1], w[0]}));
+    binder.seen.clear();
+    window.monitor().report(0, not_open);
+    window.monitor().report(0, not_open);
+    window.monitor().report(0, retry);
+    EXPECT_TRUE(binder.seen.empty());
+    EXPECT_TRUE(window.remove_watch(w[1]));
+    window.monitor().report(0, success);
+    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[0]}));
+    pump_all();
+}
+
+} // namespace
