@@ -58,16 +58,7 @@ extern "C" {
 
 uint64_t cfg_load_fmt(sCfgHandle *handle, sPChar *path, uint32_t *err)
 {
-    if (!handle)
-        return sys_fail(err, 2);
-    if (!zel::cfg::is_usable_path(path))
-        return sys_fail(err, 5);
-    if (handle->fmt)
-        return sys_fail(err, 3);
-    zel::cfg::OwnedScratch text;
-    if (!zel::cfg::read_text_file(path, &text, err) || !zel::cfg::parse_fmt_text(text.get(), &handle->fmt, err))
-        return 0;
-    return sys_succeed(err);
+    return zel::cfg::load_text_config(handle, &sCfgHandle::fmt, path, zel::cfg::parse_fmt_text, err);
 }
 
 uint64_t cfg_unload_fmt(sCfgItemList **list, uint32_t *err)
