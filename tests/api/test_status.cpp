@@ -6,6 +6,7 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "api/connection_monitor.h"
@@ -18,48 +19,25 @@ const char *const not_open = "connection not open";
 const char *const retry = "recovery attempt failed, trying again";
 const char *const given_up = "no of reconnection attempts limit breached. shutting down.";
 
-void expect_rule(int current, const std::string &text, int status, bool notify)
+TEST(StatusRules, EachReportFromEachStatusGivesItsNextStatusAndNotification)
 {
-    zel::StatusChange got = zel::next_status(current, text);
-    EXPECT_EQ(std::make_pair(got.status, got.notify), std::make_pair(status, notify))
-        << "from " << current << " on \"" << text << "\"";
-}
-
-TEST(StatusRules, AFailureBeforeConnectingGoesTo3NotifiedOnce)
-{
-    for (const char *text : {not_open, retry, given_up}) {
-        expect_rule(1, text, 3, true);
-        expect_rule(3, text, 3, false);
+    // {from, text, status, notify}; a known text with a code counts as the text.
+    const std::vector<std::tuple<int, std::string, int, bool>> rules = {
+        {1, not_open, 3, true}, {1, retry, 3, true}, {1, given_up, 3, true},
+        {3, not_open, 3, false}, {3, retry, 3, false}, {3, given_up, 3, false},
+        {2, not_open, 4, true}, {4, retry, 3, true}, {4, given_up, 3, true}, {4, not_open, 3, false},
+        {2, retry, 3, true}, {1, success, 2, true}, {2, success, 2, true}, {3, success, 2, true},
+        {4, success, 2, true}, {2, "connection not open : 104", 4, true}, {1, "connection not open : 111", 3, true},
+        {4, "recovery attempt failed, trying again : 111", 3, true}};
+    for (const auto &[from, text, status, notify] : rules) {
+        zel::StatusChange got = zel::next_status(from, text);
+        EXPECT_EQ(std::make_pair(got.status, got.notify), std::make_pair(status, notify)) << from << " " << text;
     }
-}
-
-TEST(StatusRules, ADropWhileConnectedGoesTo4ThenTo3EachNotified)
-{
-    expect_rule(2, not_open, 4, true);
-    expect_rule(4, retry, 3, true);
-    expect_rule(4, given_up, 3, true);
-    expect_rule(4, not_open, 3, false);
-    expect_rule(2, retry, 3, true);
-}
-
-TEST(StatusRules, ConnectionSuccessAlwaysGoesTo2Notified)
-{
     for (int from : {1, 2, 3, 4})
-        expect_rule(from, success, 2, true);
-}
-
-TEST(StatusRules, AKnownTextWithACodeCountsAsTheKnownText)
-{
-    expect_rule(2, "connection not open : 104", 4, true);
-    expect_rule(1, "connection not open : 111", 3, true);
-    expect_rule(4, "recovery attempt failed, trying again : 111", 3, true);
-}
-
-TEST(StatusRules, AnyOtherTextChangesNothing)
-{
-    for (int from : {1, 2, 3, 4})
-        for (const char *text : {"", "publish failed", "connection successful", "connection not opened"})
-            expect_rule(from, text, from, false);
+        for (const char *text : {"", "publish failed", "connection successful", "connection not opened"}) {
+            zel::StatusChange got = zel::next_status(from, text);
+            EXPECT_EQ(std::make_pair(got.status, got.notify), std::make_pair(from, false)) << from << " " << text;
+        }
 }
 
 struct Listener : CZelListener {
@@ -76,8 +54,8 @@ struct Listener : CZelListener {
 
 void pump_all()
 {
-    while (zel_pump_messages(0) > 0) {
-    }
+    while (zel_pump_messages(0) > 0)
+        ;
 }
 
 TEST(ConnectionMonitor, TheListenerHearsEachNotificationOnThePumpingThreadWithTheCurrentStatus)
@@ -102,16 +80,12 @@ TEST(ConnectionMonitor, TheListenerHearsEachNotificationOnThePumpingThreadWithTh
     EXPECT_EQ(window.status(), ZEL_STATUS_RECOVERING);
     pump_all();
     EXPECT_EQ(listener.seen, (std::vector<int>{4, 4, 3}));
-}
-
-TEST(ConnectionMonitor, ANotificationWithoutAListenerDoesNothing)
-{
-    CIntRxWnd window;
-    window.monitor().report(0, success);
-    EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
+    CIntRxWnd unheard; // a notification without a listener is not kept for a later one
+    unheard.monitor().report(0, success);
+    EXPECT_EQ(unheard.status(), ZEL_STATUS_CONNECTED);
     pump_all();
     Listener late;
-    window.set_listener(&late);
+    unheard.set_listener(&late);
     pump_all();
     EXPECT_TRUE(late.seen.empty());
 }
@@ -133,20 +107,16 @@ TEST(ConnectionMonitor, WhileConnectedEveryReportRebindsEveryWatchNewestFirst)
     window.monitor().set_binder(&binder);
     Receiver r;
     std::vector<sWatchData *> w;
-    for (int i = 0; i < 3; ++i) {
-        w.push_back(new sWatchData{{5}, {std::to_string(i)}, &r, nullptr, "", ""});
-        window.add_watch(w.back());
-    }
+    for (int i = 0; i < 3; ++i)
+        window.add_watch(w.emplace_back(new sWatchData{{5}, {std::to_string(i)}, &r, nullptr, "", ""}));
     window.monitor().report(0, retry); // not connected: nothing to bind
     EXPECT_TRUE(binder.seen.empty());
     window.monitor().report(0, success);
-    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[1], w[0]}));
     window.monitor().report(0, "publish failed"); // still connected: all again
     EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[1], w[0], w[2], w[1], w[0]}));
     binder.seen.clear();
-    window.monitor().report(0, not_open);
-    window.monitor().report(0, not_open);
-    window.monitor().report(0, retry);
+    for (const char *text : {not_open, not_open, retry})
+        window.monitor().report(0, text);
     EXPECT_TRUE(binder.seen.empty());
     EXPECT_TRUE(window.remove_watch(w[1]));
     window.monitor().report(0, success);

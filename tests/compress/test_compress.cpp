@@ -1,13 +1,11 @@
 // Message compression: the handle's argument rules, the LZMA frame, round
-// trips through both codecs, 64 KiB decoding steps, corrupt frames, and frames
-// read back by the standard xz tool.
+// trips through both codecs, 64 KiB decoding steps and corrupt frames.
 #include <lzma/LzmaDec.h>
 #include <zel/compress.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 
 #include "message/message_test_util.h"
@@ -42,17 +40,6 @@ void exact(Scratch &s, const std::string &bytes)
     s.reopen(bytes.empty() ? 1 : int(bytes.size()));
     s.assign(bytes);
 }
-
-// A private temporary folder, removed with everything in it.
-struct TempDir {
-    std::filesystem::path path;
-    TempDir()
-    {
-        char name[] = "/tmp/zel-compress-XXXXXX";
-        path = mkdtemp(name) ? name : "";
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-};
 
 void *open_codec(int type)
 {
@@ -99,19 +86,10 @@ struct Compression : ::testing::Test {
             return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "detail " << err << ", " << out.s.len << " of " << text.size();
     }
-    std::string lzma_frame(const std::string &bytes)
-    {
-        EXPECT_EQ(pack(lzma, bytes), 0);
-        return packed.bytes();
-    }
+    std::string lzma_frame(const std::string &bytes) { EXPECT_EQ(pack(lzma, bytes), 0); return packed.bytes(); }
 };
 
-using CompressHandle = Compression;
-using LzmaFrame = Compression;
-using BlockCodec = Compression;
-using LzmaCorruptFrame = Compression;
-
-TEST_F(CompressHandle, OpenRefusesAnOpenHandleVariableAndAnyTypeButTheTwoCodecs)
+TEST_F(Compression, HandleOpenRefusesAnOpenHandleVariableAndAnyTypeButTheTwoCodecs)
 {
     void *h = nullptr, *open = lzma;
     int type = ZEL_COMPRESS_LZMA;
@@ -131,7 +109,7 @@ TEST_F(CompressHandle, OpenRefusesAnOpenHandleVariableAndAnyTypeButTheTwoCodecs)
     EXPECT_RESULT(zel_compress_close(nullptr, &err), 0, 2);
 }
 
-TEST_F(CompressHandle, OperationsReportNullHandleAndDestinationAs2AndAMissingSourceAs3)
+TEST_F(Compression, HandleOperationsReportNullHandleAndDestinationAs2AndAMissingSourceAs3)
 {
     unsigned long long size = 0;
     exact(in, "abc");
@@ -149,7 +127,7 @@ TEST_F(CompressHandle, OperationsReportNullHandleAndDestinationAs2AndAMissingSou
     EXPECT_RESULT(zel_compressed_size(block, &in.s, &size, &err), 0, 2); // blocks carry no length
 }
 
-TEST_F(LzmaFrame, HoldsPropertiesThenLittleEndianLengthThenAStreamWithoutEndMarker)
+TEST_F(Compression, LzmaFrameHoldsPropertiesThenLittleEndianLengthThenAStreamWithoutEndMarker)
 {
     const std::string text = field_text(200000), frame = lzma_frame(text);
     ASSERT_GT(frame.size(), 13u);
@@ -171,7 +149,7 @@ TEST_F(LzmaFrame, HoldsPropertiesThenLittleEndianLengthThenAStreamWithoutEndMark
     EXPECT_TRUE(restores(lzma, frame, text));
 }
 
-TEST_F(LzmaFrame, RoundTripsSmallAndLargeMessagesAndRefusesWhatDoesNotShrinkByTheHeader)
+TEST_F(Compression, LzmaFrameRoundTripsSmallAndLargeMessagesAndRefusesWhatDoesNotShrinkByTheHeader)
 {
     for (size_t n : {120u, 1000u, 200000u}) {
         const std::string text = field_text(n);
@@ -185,7 +163,7 @@ TEST_F(LzmaFrame, RoundTripsSmallAndLargeMessagesAndRefusesWhatDoesNotShrinkByTh
     EXPECT_EQ(pack(lzma, text, 5000), 0);
 }
 
-TEST_F(LzmaFrame, DecodesAcrossEvery64KiBStepAndGrowsTheDestinationToExactlyTheLength)
+TEST_F(Compression, LzmaFrameDecodesAcrossEvery64KiBStepAndGrowsTheDestinationToExactlyTheLength)
 {
     const std::string noisy = draw(300000, 12); // its stream alone spans several input steps
     const std::string noisy_frame = lzma_frame(noisy);
@@ -206,7 +184,7 @@ TEST_F(LzmaFrame, DecodesAcrossEvery64KiBStepAndGrowsTheDestinationToExactlyTheL
     punset_buffer_size(&bare, &err);
 }
 
-TEST_F(LzmaCorruptFrame, EveryFaultGivesItsDetailAndNoWriteOutsideABuffer)
+TEST_F(Compression, LzmaCorruptFrameEveryFaultGivesItsDetailAndNoWriteOutsideABuffer)
 {
     const std::string text = field_text(100000), frame = lzma_frame(text);
     auto with_length = [&](uint64_t length) {
@@ -235,7 +213,7 @@ TEST_F(LzmaCorruptFrame, EveryFaultGivesItsDetailAndNoWriteOutsideABuffer)
     EXPECT_EQ(size, ~0ull); // answered as declared, without decoding
 }
 
-TEST_F(BlockCodec, RoundTripsIntoARoomyDestinationAndFailsWith4WhenThereIsNoRoom)
+TEST_F(Compression, BlockCodecRoundTripsIntoARoomyDestinationAndFailsWith4WhenThereIsNoRoom)
 {
     for (const std::string &bytes : {std::string("x"), field_text(100), field_text(200000), draw(70000)}) {
         const int n = int(bytes.size()), bound = n + n / 255 + 16;
@@ -250,21 +228,22 @@ TEST_F(BlockCodec, RoundTripsIntoARoomyDestinationAndFailsWith4WhenThereIsNoRoom
     EXPECT_EQ(out.s.len, 0);
 }
 
-TEST_F(LzmaFrame, IsReadBackByTheStandardXzTool)
+// Frames the library writes are read back by the standard xz tool.
+TEST_F(Compression, LzmaFrameIsReadBackByTheStandardXzTool)
 {
     if (std::system("command -v xz >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "xz is not installed";
-    TempDir dir;
-    ASSERT_FALSE(dir.path.empty());
-    const auto frame_file = dir.path / "m.lzma", plain_file = dir.path / "m";
+    char name[] = "/tmp/zel-compress-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    const std::filesystem::path dir = name, frame_file = dir / "m.lzma", plain_file = dir / "m";
     for (const std::string &text : {field_text(120), field_text(200000), draw(300000, 12)}) {
         std::ofstream(frame_file, std::ios::binary) << lzma_frame(text);
-        const std::string cmd = "xz --format=lzma --decompress --stdout " + frame_file.string() + " > " +
-                                plain_file.string();
+        const std::string cmd = "xz --format=lzma --decompress --stdout " + frame_file.string() + " > " + plain_file.string();
         ASSERT_EQ(std::system(cmd.c_str()), 0) << text.size();
         std::ifstream file(plain_file, std::ios::binary);
         EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(file), {}) == text) << text.size();
     }
+    std::filesystem::remove_all(dir);
 }
 
 } // namespace

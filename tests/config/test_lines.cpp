@@ -46,45 +46,34 @@ std::string trimmed(std::string text)
     return text.c_str();
 }
 
-TEST(LineReader, SkipsBlankLinesIndentationAndOneCommentLine)
+TEST(LineReader, SkipsBlanksAndOneCommentLineCutsInlineCommentsAndStopsAtTwoCommentLines)
 {
-    EXPECT_EQ(lines_of("\n\n  \ta=1\r\n// note\n\tb = 2  \n/* one line only\nc\n"),
-              (std::vector<std::string>{"a=1", "b = 2", "c"}));
-}
-
-TEST(LineReader, TwoCommentLinesInARowEndTheText)
-{
-    EXPECT_EQ(lines_of("a=1\n// first\n// second\nb=2\n"), (std::vector<std::string>{"a=1"}));
-    EXPECT_EQ(lines_of("a=1\n// first\n\n/* second\nb=2\n"), (std::vector<std::string>{"a=1"}));
-}
-
-TEST(LineReader, CutsInlineCommentsAndTheBlanksButNotTabsBeforeThem)
-{
-    EXPECT_EQ(lines_of("a = 1   // why\nb=2/* no block */ c\nd=3\t// tab\n"),
-              (std::vector<std::string>{"a = 1", "b=2", "d=3\t"}));
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+        {"\n\n  \ta=1\r\n// note\n\tb = 2  \n/* one line only\nc\n", {"a=1", "b = 2", "c"}},
+        {"a=1\n// first\n// second\nb=2\n", {"a=1"}},
+        {"a=1\n// first\n\n/* second\nb=2\n", {"a=1"}},
+        {"a = 1   // why\nb=2/* no block */ c\nd=3\t// tab\n", {"a = 1", "b=2", "d=3\t"}}}; // tabs before stay
+    for (const auto &[text, lines] : cases)
+        EXPECT_EQ(lines_of(text), lines) << text;
 }
 
 TEST(Trim, RemovesBlanksTabsAndApostrophesAtBothEndsOnly)
 {
-    EXPECT_EQ(trimmed(" \t'a b'\t "), "a b");
-    EXPECT_EQ(trimmed("it's"), "it's");
-    EXPECT_EQ(trimmed("' '"), "");
-    EXPECT_EQ(trimmed(""), "");
+    for (const auto &[in, out] : {std::pair{" \t'a b'\t ", "a b"}, {"it's", "it's"}, {"' '", ""}, {"", ""}})
+        EXPECT_EQ(trimmed(in), out);
     zel_trim_str_spaces(nullptr);
 }
 
 TEST(Split, SplitsAtTheFirstDelimiterAndSkipsLeadingOnes)
 {
-    EXPECT_EQ(split(" name = 'a=b' "), KeyValue("name", "a=b"));
     EXPECT_EQ(split("price : 0", ":"), KeyValue("price", "0"));
-    EXPECT_EQ(split("key="), KeyValue("key", "-"));
-    EXPECT_EQ(split("=value"), KeyValue("value", "-"));
-    EXPECT_EQ(split("'' = x"), KeyValue("-", "x"));
-    EXPECT_EQ(split("==ab"), KeyValue("ab", "b")); // the value starts at the key's length + 1
-    EXPECT_EQ(split("==="), KeyValue("-", "-"));
+    for (const auto &[line, kv] : {std::pair{" name = 'a=b' ", KeyValue("name", "a=b")}, {"key=", {"key", "-"}},
+                                   {"=value", {"value", "-"}}, {"'' = x", {"-", "x"}}, {"===", {"-", "-"}},
+                                   {"==ab", {"ab", "b"}}}) // the value starts at the key's length + 1
+        EXPECT_EQ(split(line), kv) << line;
 }
 
-TEST(Split, RefusesALineLongerThanTheLimitAndNullArguments)
+TEST(Split, RefusesALineLongerThanTheLimit)
 {
     std::string longest(CFG_MAX_LINE, 'k'), too_long(CFG_MAX_LINE + 1, 'k');
     EXPECT_EQ(split(longest).first.size(), size_t(CFG_MAX_LINE));

@@ -78,7 +78,8 @@ std::string receive_exactly(int fd, size_t size)
 std::string receive_record(int fd)
 {
     uint32_t length = 0;
-    recv(fd, &length, sizeof length, MSG_WAITALL);
+    if (recv(fd, &length, sizeof length, MSG_WAITALL) != ssize_t(sizeof length))
+        return {};
     return receive_exactly(fd, length);
 }
 
@@ -155,8 +156,7 @@ TEST(TcpRecords, APeerThatClosesGives31AndAnImpossibleLengthDropsTheConnection)
 {
     Peer closing([](int) {});
     Client early;
-    ASSERT_EQ(early.open(closing.address()), 1u);
-    EXPECT_EQ(early.read(), "<31>");
+    EXPECT_EQ(early.open(closing.address()) ? early.read() : "not open", "<31>");
 
     Peer corrupt([](int fd) {
         send_bytes(fd, std::string(4, '\xff'));
@@ -166,8 +166,7 @@ TEST(TcpRecords, APeerThatClosesGives31AndAnImpossibleLengthDropsTheConnection)
     ASSERT_EQ(client.open(corrupt.address()), 1u);
     EXPECT_EQ(client.read(), "<5>");
     EXPECT_EQ(client.read(), "<31>") << "dropped";
-    EXPECT_FALSE(client.write("x"));
-    EXPECT_EQ(client.err, 31u);
+    EXPECT_TRUE(!client.write("x") && client.err == 31u);
 }
 
 TEST(TcpRecords, ReconnectReachesTheReconnectAddress)
@@ -209,8 +208,8 @@ TEST(UdpRecords, EachRecordIsOneDatagramBothWays)
     sockaddr_in from{};
     socklen_t size = sizeof from;
     auto *sender = reinterpret_cast<sockaddr *>(&from);
-    EXPECT_EQ(recvfrom(server.fd, datagram, sizeof datagram, 0, sender, &size), 4);
-    EXPECT_EQ(std::string(datagram, 4), "ping");
+    EXPECT_TRUE(recvfrom(server.fd, datagram, sizeof datagram, 0, sender, &size) == 4 &&
+                std::string(datagram, 4) == "ping");
     EXPECT_EQ(recvfrom(server.fd, datagram, sizeof datagram, 0, nullptr, nullptr), 0);
     sendto(server.fd, "pong", 4, 0, sender, size);
     sendto(server.fd, "", 0, 0, sender, size);

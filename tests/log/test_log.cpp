@@ -105,8 +105,7 @@ public:
     std::string receive()
     {
         std::string datagram(65536, '\0');
-        datagram.resize(static_cast<size_t>(std::max<ssize_t>(recv(fd_, datagram.data(), datagram.size(), 0), 0)));
-        return datagram;
+        return datagram.substr(0, size_t(std::max<ssize_t>(recv(fd_, datagram.data(), datagram.size(), 0), 0)));
     }
     std::string address;
 
@@ -152,9 +151,6 @@ TEST_F(Log, ALineIsTimeHostUserNameAndMessageByteForByte)
     const auto lines = lines_of(path_);
     ASSERT_EQ(lines.size(), 2u);
     const std::string stamp = lines[0].substr(0, time_width);
-    tm parsed{};
-    const char *parsed_to = strptime(stamp.c_str(), "%a %b %e %H:%M:%S %Y", &parsed);
-    EXPECT_TRUE(parsed_to && *parsed_to == '\0') << "not a whole time: " << stamp;
     EXPECT_TRUE(stamp == utc_c_time(before) || stamp == utc_c_time(after)) << stamp;
     EXPECT_EQ(lines[0].substr(time_width), " box1 alice app : filled 42 at 1.08415");
     EXPECT_EQ(lines[1].substr(time_width), " box1 alice app : ") << "an empty message still ends in ': '";
@@ -170,17 +166,15 @@ TEST_F(Log, ALineIsTimeHostUserNameAndMessageByteForByte)
 
 TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogType)
 {
-    for (const char *unknown : {static_cast<const char *>(nullptr), "", "LOG_FILE", "log_file ", "log"}) {
-        EXPECT_EQ(failure_detail(open(unknown), err), 2) << (unknown ? unknown : "unset");
-        EXPECT_EQ(log, nullptr);
-    }
+    for (const char *unknown : {static_cast<const char *>(nullptr), "", "LOG_FILE", "log_file ", "log"})
+        EXPECT_TRUE(failure_detail(open(unknown), err) == 2 && log == nullptr) << (unknown ? unknown : "unset");
     ASSERT_EQ(open("log_text_file"), 1u);
     EXPECT_EQ(failure_detail(sys_log(log, 0, &err, 0, "dropped"), err), 2);
     close_log();
     EXPECT_EQ(fs::file_size(path_), 0u) << "a text-file log opens its file but takes no lines";
 }
 
-TEST_F(Log, MisuseIsRefusedWithADetail)
+TEST_F(Log, MisuseAndUnreachableDestinationsAreRefusedWithADetailAndNoHandle)
 {
     ASSERT_EQ(open("log_file"), 1u);
     sLogHandle *open_log = log;
@@ -192,11 +186,7 @@ TEST_F(Log, MisuseIsRefusedWithADetail)
     EXPECT_EQ(failure_detail(sys_log(nullptr, 0, &err, 0, "x"), err), 2);
     EXPECT_EQ(failure_detail(sys_log_pm(nullptr, 0, 0, nullptr, nullptr, &err), err), 2);
     EXPECT_EQ(failure_detail(sys_log_close(&log, &err), err), 2);
-}
-
-TEST_F(Log, AnUnreachableDestinationGivesADetailAndNoHandle)
-{
-    {
+    { // an unreachable destination gives a detail and no handle
         ScopedEnv missing_dir("PL_LOG_FILE", (dir_ / "no" / "such" / "app.log").c_str());
         EXPECT_EQ(failure_detail(open("log_file"), err), 1);
     }
@@ -233,9 +223,10 @@ TEST_F(Log, RecordFilesHoldLengthPrefixedMessagesReadBackByTheParser)
     close_log();
     const auto records = records_of(path_);
     ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(fields_of(records[0]), (Fields{{SYS_LOG_TEXT_TAG, "hello 7"}}));
-    EXPECT_EQ(fields_of(records[1]), (Fields{{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}));
-    EXPECT_EQ(fields_of(records[2]), (Fields{{1, "a"}, {2, "bc"}}));
+    const std::vector<Fields> expected = {{{SYS_LOG_TEXT_TAG, "hello 7"}},
+                                          {{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}, {{1, "a"}, {2, "bc"}}};
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(fields_of(records[i]), expected[i]);
 }
 
 TEST_F(Log, ANetLogSendsEachRecordAsOneDatagramToPlLoggerAddr)
@@ -251,7 +242,6 @@ TEST_F(Log, ANetLogSendsEachRecordAsOneDatagramToPlLoggerAddr)
     ASSERT_EQ(sys_log_pm_net(log, 0, 1, tags, values, &err), 1u);
     EXPECT_EQ(failure_detail(sys_log_pm(log, 0, 1, tags, values, &err), err), 2) << "a net log has no file";
     close_log();
-    EXPECT_EQ(fields_of(logger.receive()), (Fields{{SYS_LOG_TEXT_TAG, "hello net"}}));
-    EXPECT_EQ(fields_of(logger.receive()), (Fields{{SYS_LOG_TEXT_TAG, ""}}));
-    EXPECT_EQ(fields_of(logger.receive()), (Fields{{5, "a"}}));
+    for (const Fields &fields : {Fields{{SYS_LOG_TEXT_TAG, "hello net"}}, Fields{{SYS_LOG_TEXT_TAG, ""}}, Fields{{5, "a"}}})
+        EXPECT_EQ(fields_of(logger.receive()), fields);
 }
