@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 
 #include "platform/memory.h"
 
@@ -40,6 +41,24 @@ int succeed(int *err)
 {
     *err = kOk;
     return 1;
+}
+
+// The vector behind a handle when every output in `required` is given;
+// otherwise null with detail 7 (no vector) or 4 (an output missing).
+Vector *vector_of(void *vec, int *err, std::initializer_list<const void *> required = {})
+{
+    auto *v = static_cast<Vector *>(vec);
+    if (!v) {
+        fail(err, kNullHandle);
+        return nullptr;
+    }
+    for (const void *output : required) {
+        if (!output) {
+            fail(err, kInvalid);
+            return nullptr;
+        }
+    }
+    return v;
 }
 
 // True when 0 <= index <= last.
@@ -155,19 +174,17 @@ int zel_vec_close(void **handle, int *err)
 
 int zel_vec_add(void *vec, void *elem, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {elem});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!elem)
-        return fail(err, kInvalid);
+        return 0;
     return insert(v, elem, v->count, err);
 }
 
 int zel_vec_add_at(void *vec, void *elem, int index, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     if (!elem || !within(index, v->count))
         return fail(err, kInvalid);
     return insert(v, elem, index, err);
@@ -175,11 +192,9 @@ int zel_vec_add_at(void *vec, void *elem, int index, int *err)
 
 int zel_vec_add_get(void *vec, void *elem, void **where, int *index, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {elem, where, index});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!elem || !where || !index)
-        return fail(err, kInvalid);
+        return 0;
     if (!insert(v, elem, v->count, err))
         return 0;
     *index = v->count - 1;
@@ -189,9 +204,9 @@ int zel_vec_add_get(void *vec, void *elem, void **where, int *index, int *err)
 
 int zel_vec_del(void *vec, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     if (v->count == 0)
         return fail(err, kInvalid);
     return remove_range(v, v->count - 1, v->count - 1, err);
@@ -199,9 +214,9 @@ int zel_vec_del(void *vec, int *err)
 
 int zel_vec_del_at(void *vec, int index, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     if (!within(index, v->count - 1))
         return fail(err, kInvalid);
     return remove_range(v, index, index, err);
@@ -211,9 +226,9 @@ int zel_vec_del_first(void *vec, int *err) { return zel_vec_del_at(vec, 0, err);
 
 int zel_vec_del_seq(void *vec, int from, int to, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     if (!within(from, to) || !within(to, v->count - 1))
         return fail(err, kInvalid);
     return remove_range(v, from, to, err);
@@ -221,9 +236,9 @@ int zel_vec_del_seq(void *vec, int from, int to, int *err)
 
 int zel_vec_clear(void *vec, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     v->count = 0;
     v->clears++;
     return succeed(err);
@@ -231,32 +246,26 @@ int zel_vec_clear(void *vec, int *err)
 
 int zel_vec_get(void *vec, void **out, int index, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     return hand_out(v, out, index, kInvalid, err);
 }
 
 int zel_vec_first(void *vec, void **out, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     v->cursor = v->count ? 0 : -1;
     return hand_out(v, out, 0, kEmpty, err);
 }
 
 int zel_vec_next(void *vec, void **out, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     if (v->cursor < 0)
         return fail(err, kEmpty);
     v->cursor = v->cursor + 1 < v->count ? v->cursor + 1 : -1;
@@ -265,21 +274,17 @@ int zel_vec_next(void *vec, void **out, int *err)
 
 int zel_vec_last(void *vec, void **out, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     return hand_out(v, out, v->count - 1, kEmpty, err);
 }
 
 int zel_vec_get_index(void *vec, void *elem, int *index, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {elem, index});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!elem || !index)
-        return fail(err, kInvalid);
+        return 0;
     auto distance = int64_t(reinterpret_cast<uintptr_t>(elem) - reinterpret_cast<uintptr_t>(v->array));
     int64_t found = distance / v->elem_size;
     if (distance % v->elem_size != 0 || found < INT32_MIN || found > INT32_MAX)
@@ -290,11 +295,9 @@ int zel_vec_get_index(void *vec, void *elem, int *index, int *err)
 
 int zel_vec_get_array(void *vec, void **array, int *count, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {array, count});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!array || !count)
-        return fail(err, kInvalid);
+        return 0;
     *array = v->array;
     *count = v->count;
     return succeed(err);
@@ -302,42 +305,36 @@ int zel_vec_get_array(void *vec, void **array, int *count, int *err)
 
 int zel_vec_get_count(void *vec, int *count, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {count});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!count)
-        return fail(err, kInvalid);
+        return 0;
     *count = v->count;
     return succeed(err);
 }
 
 int zel_vec_get_info(void *vec, sZELVecInfocb *out, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     *out = {v->user, v->elem_size, v->step, v->count, v->adds};
     return succeed(err);
 }
 
 int zel_vec_get_meters(void *vec, sZELVecMeterscb *out, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err, {out});
     if (!v)
-        return fail(err, kNullHandle);
-    if (!out)
-        return fail(err, kInvalid);
+        return 0;
     *out = {v->adds, v->deletes, v->reserved, v->grows, v->clears, bytes(v, v->capacity) + kBlockMemory};
     return succeed(err);
 }
 
 int zel_vec_reset_meters(void *vec, int *err)
 {
-    auto *v = static_cast<Vector *>(vec);
+    auto *v = vector_of(vec, err);
     if (!v)
-        return fail(err, kNullHandle);
+        return 0;
     v->adds = v->deletes = v->reserved = v->grows = v->clears = 0;
     return succeed(err);
 }
