@@ -45,6 +45,7 @@ void zel_set_alert_handler(void (*handler)(const char *text));
 #ifdef __cplusplus
 } /* extern "C" */
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -138,6 +139,139 @@ struct sAddWatchData {
     CZelReceiver *receiver;
     void *context;
 };
+
+class CVartoEngine;
+class CIntRxWnd;
+
+/* One connection to a hub or broker. Create it, call create_connection on
+ * the thread that is to receive, then use the other operations on that same
+ * thread; pump that thread's queue (zel_pump_messages or zel_message_fd) to
+ * receive messages and status changes.
+ *
+ * Results: 1 for success and 0 for failure. The trailing `int *err` is handed
+ * to the transport, which may write a detail there; the facade never writes
+ * it. Every operation but the constructor, the destructor,
+ * getConnectionStatus, setConnectionListener and the fixed no-ops needs a
+ * successful create_connection first.
+ *
+ * Watch, service and request operations answer 0 while the connection is not
+ * up (status ZEL_STATUS_CONNECTED). */
+class CZelEngine {
+public:
+    /* The first construction in the process also fills the list of key tags
+     * (10100, 31003, 44031, 50207, 54211, 63001, 63100, 64001, 64016, 64022)
+     * that transports compose message keys from. Not thread-safe with a
+     * concurrent first construction. */
+    CZelEngine();
+    /* Stops the connection: asks the worker to end, waits for its thread,
+     * then frees the connection. Messages still queued for it are dropped.
+     * Call it on the connection's thread. */
+    ~CZelEngine();
+    CZelEngine(const CZelEngine &) = delete;
+    /* A shallow copy: both objects then share one connection, which must
+     * be destroyed through one of them only. */
+    CZelEngine &operator=(const CZelEngine &) = default;
+
+    /* Opens the connection whose transport `type` names: "hub" or "" for a
+     * hub at host:port; "ZMQ_SUB" or "ZMQ_PUB" (exact case) for ZeroMQ;
+     * anything else for an AMQP broker. ZeroMQ is described by host, port,
+     * type, `text7` and `text6`; AMQP by `text6`, `text7`, `text5`, host, port,
+     * type and `text4`. `text7` is also the connection's instance name (the
+     * hub announces it). `option`, `text9` to `text11` go to the transport
+     * unchanged; `callback` is kept for the transport. Returns once the first
+     * connect attempt has ended, whatever its outcome: watch the status for
+     * it. Answers 1, or 0 when this object already has a connection or when
+     * this build has no such transport. */
+    int create_connection(int port, std::string host, std::string type, std::string text4, std::string text5,
+                          std::string text6, std::string text7, int option, std::string text9, std::string text10,
+                          std::string text11, int (*callback)(char *));
+
+    /* Sends the request built in `request` (a started message with its name
+     * in field 0) and waits, without blocking, for its reply: the reply
+     * (field 32767, with this request's number in field 32760) goes to
+     * `receiver->processReply` once, with `context`. `*handle` receives the
+     * request's handle, which processReply is given. The request number is
+     * the receiver's address, so a receiver's replies complete its requests
+     * newest first. */
+    int addRqDontStore(void **handle, void *request, CZelReceiver *receiver, void *context, int *err);
+
+    /* Watches for messages (without field 0) that carry every tag with its
+     * value; a value of length 0 matches any value, but the field must be
+     * present. Matches go to `receiver` (a CZelReceiver *) with kind
+     * ZEL_KIND_WATCH_MATCH and `context`; a receiver is called once per
+     * message however many of its watches match. The watch is kept with its
+     * tags sorted and bound again after every reconnect. `*handle` receives
+     * the watch (an sWatchData *). The four arguments after `context` are
+     * unused by the hub. */
+    int addWatch(void **handle, int *tags, sPChar *values, int count, void *receiver, void *context, bool option1,
+                 long option2, bool option3, bool option4, int *err);
+    /* Passed to the transport; always answers 0, whatever happened. */
+    int RemoveWatch(const int *tags, sPChar *values, int count);
+    /* Removes one watch; 0 when it is not there (or already removed). */
+    int removeWatch(void *handle, int *err);
+    /* Removes the watches with this context or this receiver, or every watch
+     * that has a receiver: 1 when at least one went, else 0. */
+    int removeWatchesByContext(void *context);
+    int removeWatchesByReceiver(CZelReceiver *receiver);
+    int removeAllWatches(int *err);
+
+    /* Sends the one message built in `message`. */
+    int sendMsg(scratchcb *message, int *err);
+
+    /* Offers a service: requests (messages whose field 0 is `name`) go to
+     * `handler`, a CZelReceiver *, as processMsg with kind
+     * ZEL_KIND_SERVICE_REQUEST and a null watch and context. */
+    int registerSrvc(const sPChar *name, void *handler, int option, int *err);
+    /* Announces a service name; the receiver is not called. */
+    int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err);
+
+    /* Turns heartbeats on at `interval` (milliseconds; transports default to
+     * 50000) and keeps `listener`. */
+    int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err);
+    /* Both answer 1 and do nothing; isHeartbeatEnabled leaves *enabled as
+     * it is. */
+    int disableHeartbeat(int *err);
+    int isHeartbeatEnabled(bool *enabled, int *err);
+
+    /* Copies the connection's counters (see sZelMeters); reset zeroes them. */
+    int getMeters(sZelMeters *meters, int *err);
+    int resetMeters(int *err);
+
+    /* Removes the entry for the address `err` itself from the receiver
+     * registry, which in practice removes nothing; answers 1. */
+    int removeAllRqs(int *err);
+
+    /* Fixed no-ops that answer 1. */
+    int openChannel(int *err);
+    int stop(int *err);
+    int addDevice(const sPChar *device, int *err);
+    int addVersion(const sPChar *name, const sPChar *version, int *err);
+    /* Passed to the transport; answers 1 whatever it did. */
+    int closeChannel(int *err);
+
+    /* Opens (mode "w+") or closes the transport's log file at `path`; both
+     * answer 1. */
+    int enable_log(FILE *file, std::string path);
+    int disable_log(FILE *file, std::string path);
+
+    /* Writes the connection status (ZEL_STATUS_*) to *status; before
+     * create_connection it leaves *status alone. */
+    void getConnectionStatus(int *status, int *err);
+    /* Sets (or with null, clears) the one status listener. Before
+     * create_connection the call is lost. */
+    void setConnectionListener(CZelListener *listener, int *err);
+
+private:
+    CVartoEngine *engine;
+    CIntRxWnd *window;
+    int reserved;
+};
+
+/* Always 4. */
+int NT_series();
+/* 1 when every byte of `text` is a digit 0-9 (an empty text included); 0 at
+ * the first byte that is not, and 0 for a null pointer. */
+int m_all_digits(sPChar *text);
 
 #endif /* __cplusplus */
 

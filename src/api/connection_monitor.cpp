@@ -3,6 +3,7 @@
 
 #include <cctype>
 
+#include "api/engine_interface.h"
 #include "api/receive_window.h"
 
 namespace zel {
@@ -54,7 +55,13 @@ int CVartoSpy::report(int, std::string_view text)
         window_.post_status_change();
     // Every report while connected binds every watch again, not only the
     // first: that is how watches reach a connection made anew.
-    if (change.status == ZEL_STATUS_CONNECTED && binder_)
-        window_.for_each_watch_newest_first([this](sWatchData &watch) { binder_->rebind(watch); });
+    CVartoEngine *owner = engine();
+    if (change.status == ZEL_STATUS_CONNECTED && owner)
+        window_.for_each_watch_newest_first([owner](sWatchData &watch) { owner->rebind(watch); });
     return 1;
+}
+
+CVartoEngine *CVartoSpy::engine() const
+{
+    return window_.engine();
 }

@@ -6,17 +6,9 @@
 #include <string_view>
 
 class CIntRxWnd;
-struct sWatchData;
+class CVartoEngine;
 
 namespace zel {
-
-// What the monitor hands each watch to while connected; the connection's
-// engine implements it. @locality worker thread, window lock held
-class WatchBinder {
-public:
-    virtual ~WatchBinder() = default;
-    virtual void rebind(const sWatchData &watch) = 0;
-};
 
 // The status after a report `text` arrives in status `current`, and whether
 // the listener is to be told. A text "<known text> : <code>" counts as the
@@ -36,9 +28,9 @@ public:
 
     // A worker's report. @locality worker thread
     virtual int report(int level, std::string_view text);
-    void set_binder(zel::WatchBinder *binder) { binder_ = binder; }
+    // The connection's engine, once the facade has linked it.
+    CVartoEngine *engine() const;
 
 private:
     CIntRxWnd &window_;
-    zel::WatchBinder *binder_ = nullptr;
 };

@@ -324,7 +324,7 @@ void CIntRxWnd::add_watch(sWatchData *watch)
     count(active_watches);
 }
 
-int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &match)
+int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &match, const WatchVisit &on_removed)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
     int removed = 0;
@@ -333,6 +333,8 @@ int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &mat
         if (!watch || !match(*watch))
             continue;
         watches_[i] = nullptr;
+        if (on_removed)
+            on_removed(*watch);
         delete watch;
         meters_[active_watches].fetch_sub(1, std::memory_order_relaxed);
         ++removed;
@@ -342,9 +344,9 @@ int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &mat
     return removed;
 }
 
-bool CIntRxWnd::remove_watch(sWatchData *watch)
+bool CIntRxWnd::remove_watch(sWatchData *watch, const WatchVisit &on_removed)
 {
-    return watch && remove_watches([watch](const sWatchData &w) { return &w == watch; }) > 0;
+    return watch && remove_watches([watch](const sWatchData &w) { return &w == watch; }, on_removed) > 0;
 }
 
 void CIntRxWnd::for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit)

@@ -20,6 +20,9 @@ namespace zel {
 class BatchBuffer;
 }
 
+class CVartoEngine;
+class CZelEngine;
+
 class CIntRxWnd : public zel::MessageTarget {
 public:
     // Process-wide ids of the three registered messages.
@@ -48,11 +51,14 @@ public:
 
     // The watch table. Guarded by lock(); a watch removed while a dispatch
     // walks the table is never called again. The table owns its watches.
+    using WatchVisit = std::function<void(const sWatchData &)>;
     std::recursive_mutex &lock() { return lock_; }
     void add_watch(sWatchData *watch);
-    bool remove_watch(sWatchData *watch);
+    // Each removed watch is shown to `on_removed` (when given) before it is
+    // freed, newest first.
+    bool remove_watch(sWatchData *watch, const WatchVisit &on_removed = {});
     // Removes every watch `match` accepts; answers how many.
-    int remove_watches(const std::function<bool(const sWatchData &)> &match);
+    int remove_watches(const std::function<bool(const sWatchData &)> &match, const WatchVisit &on_removed = {});
     // Calls `visit` for every live watch, newest first, under the lock.
     void for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit);
 
@@ -60,6 +66,17 @@ public:
     void add_pending(sAddWatchData *request);
     // Services by name: a request naming one calls its receiver.
     bool register_service(const sPChar &name, CZelReceiver *receiver, int *err);
+
+    // The connection's links, set by the facade before the worker starts.
+    CVartoEngine *engine() const { return engine_; }
+    void set_engine(CVartoEngine *engine) { engine_ = engine; }
+    CZelEngine *owner() const { return owner_; }
+    void set_owner(CZelEngine *owner) { owner_ = owner; }
+    // The application's callback; transports decide when to call it.
+    int (*callback() const)(char *) { return callback_; }
+    void set_callback(int (*callback)(char *)) { callback_ = callback; }
+    const std::string &instance_text() const { return instance_text_; }
+    void set_instance_text(std::string text) { instance_text_ = std::move(text); }
 
     int status() const { return status_.load(std::memory_order_acquire); }
     void set_status(int status) { status_.store(status, std::memory_order_release); }
@@ -82,6 +99,10 @@ private:
     void compact_watches();
 
     CVartoSpy monitor_;
+    int (*callback_)(char *) = nullptr;
+    std::string instance_text_;
+    CVartoEngine *engine_ = nullptr;
+    CZelEngine *owner_ = nullptr;
     std::atomic<int> status_{ZEL_STATUS_CREATED};
     CZelListener *listener_ = nullptr;
     CZelHeartbeatListener *heartbeat_listener_ = nullptr;

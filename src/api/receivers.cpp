@@ -5,12 +5,14 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "api/receiver_registry.h"
+
 namespace {
 
 // Receivers may be made and destroyed on any thread.
 struct Registry {
     std::mutex lock;
-    std::unordered_set<const CZelReceiver *> live;
+    std::unordered_set<const void *> live;
 };
 
 Registry &registry()
@@ -21,6 +23,12 @@ Registry &registry()
 
 } // namespace
 
+void zel::forget_receiver(const void *key)
+{
+    std::lock_guard<std::mutex> guard(registry().lock);
+    registry().live.erase(key);
+}
+
 CZelReceiver::CZelReceiver()
 {
     std::lock_guard<std::mutex> guard(registry().lock);
@@ -29,8 +37,7 @@ CZelReceiver::CZelReceiver()
 
 CZelReceiver::~CZelReceiver()
 {
-    std::lock_guard<std::mutex> guard(registry().lock);
-    registry().live.erase(this);
+    zel::forget_receiver(this);
 }
 
 int CZelReceiver::ProcessRq(void *)

@@ -11,6 +11,7 @@
 
 #include "api/connection_monitor.h"
 #include "api/receive_window.h"
+#include "scripted_transport.h"
 
 namespace {
 
@@ -95,32 +96,28 @@ struct Receiver : CZelReceiver {
     int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
 };
 
-struct Binder : zel::WatchBinder {
-    std::vector<const sWatchData *> seen;
-    void rebind(const sWatchData &watch) override { seen.push_back(&watch); }
-};
-
 TEST(ConnectionMonitor, WhileConnectedEveryReportRebindsEveryWatchNewestFirst)
 {
     CIntRxWnd window;
-    Binder binder;
-    window.monitor().set_binder(&binder);
+    RecordingEngine engine;
+    window.set_engine(&engine);
+    std::vector<const sWatchData *> &rebound = engine.rebound;
     Receiver r;
     std::vector<sWatchData *> w;
     for (int i = 0; i < 3; ++i)
         window.add_watch(w.emplace_back(new sWatchData{{5}, {std::to_string(i)}, &r, nullptr, "", ""}));
     window.monitor().report(0, retry); // not connected: nothing to bind
-    EXPECT_TRUE(binder.seen.empty());
+    EXPECT_TRUE(rebound.empty());
     window.monitor().report(0, success);
     window.monitor().report(0, "publish failed"); // still connected: all again
-    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[1], w[0], w[2], w[1], w[0]}));
-    binder.seen.clear();
+    EXPECT_EQ(rebound, (std::vector<const sWatchData *>{w[2], w[1], w[0], w[2], w[1], w[0]}));
+    rebound.clear();
     for (const char *text : {not_open, not_open, retry})
         window.monitor().report(0, text);
-    EXPECT_TRUE(binder.seen.empty());
+    EXPECT_TRUE(rebound.empty());
     EXPECT_TRUE(window.remove_watch(w[1]));
     window.monitor().report(0, success);
-    EXPECT_EQ(binder.seen, (std::vector<const sWatchData *>{w[2], w[0]}));
+    EXPECT_EQ(rebound, (std::vector<const sWatchData *>{w[2], w[0]}));
     pump_all();
 }
 

@@ -1,0 +1,144 @@
+// The three objects every transport is made of: the engine the facade calls,
+// the sender that writes to the transport, and the worker that owns the
+// connection on a thread of its own and reads from it.
+#pragma once
+
+#include <zel/engine.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "api/worker_loop.h"
+
+class CIntRxWnd;
+class CVartoSpy;
+class CVartoWorker;
+
+class CVartoEngine {
+public:
+    CVartoEngine() = default;
+    // A concrete engine calls stop_worker() in its own destructor, before its
+    // worker goes away (a thread left running ends the process).
+    virtual ~CVartoEngine() = default;
+    CVartoEngine(const CVartoEngine &) = delete;
+    CVartoEngine &operator=(const CVartoEngine &) = delete;
+
+    // The facade's operations, one slot each, in this order. Every slot but
+    // create_connection runs on the thread that created the connection.
+    virtual int create_connection(std::string description, int option, std::string text1, std::string text2,
+                                  std::string text3, CVartoSpy *monitor) = 0;
+    virtual int addRqDontStore(void **request, void *message, CZelReceiver *receiver, void *context, int *err) = 0;
+    virtual int addWatch(void **watch, int *tags, sPChar *values, int count, void *receiver, void *context, bool,
+                         long, bool, bool, int *err) = 0;
+    virtual int RemoveWatch(const int *tags, sPChar *values, int count) = 0;
+    virtual int removeWatch(void *watch, int *err) = 0;
+    virtual int sendMsg(scratchcb *message, int *err) = 0;
+    virtual int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err) = 0;
+    virtual int getMeters(sZelMeters *meters, int *err) = 0;
+    virtual int removeWatchesByContext(void *context) = 0;
+    virtual int removeWatchesByReceiver(CZelReceiver *receiver) = 0;
+    virtual int removeAllWatches(int *err) = 0;
+    virtual int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err) = 0;
+    virtual int registerSrvc(const sPChar *name, void *handler, int option, int *err) = 0;
+    // `err` may be null: the facade resets the meters that way before the
+    // connection starts.
+    virtual int resetMeters(int *err) = 0;
+    virtual int enable_log(FILE *file, std::string path) = 0;
+    virtual int disableHeartbeat(int *err) = 0;
+    virtual int disable_log(FILE *file, std::string path) = 0;
+    virtual int closeChannel(int *err) = 0;
+
+    // Binds `watch` at the peer again: the connection monitor calls it for
+    // every watch on every report that arrives while connected.
+    // @locality worker thread, window lock held
+    virtual void rebind(const sWatchData &watch) = 0;
+
+    CIntRxWnd *window() const { return window_; }
+    void set_window(CIntRxWnd *window) { window_ = window; }
+
+    // The stop request: raised by the application thread to end the worker,
+    // acknowledged by the worker once it has seen it. @locality any thread
+    bool stop_requested() const { return stop_request_.load(std::memory_order_acquire) > 0; }
+    void acknowledge_stop();
+
+protected:
+    // Starts `worker` on its own thread, then waits, polling every 5 ms, until
+    // its first connect attempt has ended. False when no thread could be
+    // started. @locality application thread
+    bool start_worker(CVartoWorker *worker);
+    // Raises the stop request, wakes the worker and waits for its thread to
+    // end. Does nothing when no worker was started. @locality application thread
+    void stop_worker();
+
+private:
+    CIntRxWnd *window_ = nullptr;
+    std::atomic<int> stop_request_{0};
+    CVartoWorker *worker_ = nullptr;
+    std::thread thread_;
+};
+
+// Writes to a transport. The lock serialises the application thread's sends
+// with the worker's flushing.
+class CVartoSender {
+public:
+    virtual ~CVartoSender() = default;
+
+protected:
+    std::recursive_mutex lock_;
+};
+
+class CVartoWorker {
+public:
+    // Where the connection stands: connecting for the first time, first
+    // attempt failed (recovery goes on), connected at least once.
+    enum ConnectionState { first_attempt = -1, first_attempt_failed = 0, connected_once = 1 };
+
+    CVartoWorker() = default;
+    virtual ~CVartoWorker() = default;
+    CVartoWorker(const CVartoWorker &) = delete;
+    CVartoWorker &operator=(const CVartoWorker &) = delete;
+
+    // Hands a report to the monitor, or, once a stop is requested, ends the
+    // worker's loop instead. @locality worker thread
+    virtual int reportStatus(int level, std::string text);
+    // Connects, then receives until the connection ends.
+    virtual int serve() = 0;
+    // Re-establishes a lost connection.
+    virtual int recover() = 0;
+    // Reads what the transport has and hands it on.
+    virtual int receive() = 0;
+    // A non-zero `code` starts recovery and is reported as "<text> : <code>".
+    virtual int onError(int code, const char *text);
+    virtual int sendHeartbeat() = 0;
+    // The thread body: serve, then acknowledge a stop request.
+    virtual int run();
+    // Interrupts the worker's wait so that it notices new work or a stop at
+    // once. @locality any thread
+    virtual int wake() = 0;
+    // A timer armed on loop() has expired. @locality worker thread
+    virtual void timer_fired(unsigned id);
+
+    int setMonitor(CVartoSpy *monitor);
+    CVartoSpy *monitor() const { return monitor_; }
+    zel::WorkerLoop &loop() { return loop_; }
+
+    int connection_state() const { return connection_state_.load(std::memory_order_acquire); }
+    // Leaves first_attempt for `state`; later calls change nothing.
+    void end_first_attempt(ConnectionState state);
+    bool finished() const { return finished_.load(std::memory_order_acquire); }
+
+    // The engine whose stop request this worker obeys; null without monitor.
+    CVartoEngine *engine() const;
+
+private:
+    friend class CVartoEngine;
+    void thread_main();
+
+    CVartoSpy *monitor_ = nullptr;
+    zel::WorkerLoop loop_;
+    std::atomic<int> connection_state_{first_attempt};
+    std::atomic<bool> finished_{false};
+};

@@ -1,0 +1,96 @@
+// A transport for tests: its worker runs a script in place of a connection,
+// and its engine records what it is asked to do.
+#pragma once
+
+#include <zel/engine.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "api/engine_interface.h"
+#include "api/receive_window.h"
+
+struct ScriptedWorker : CVartoWorker {
+    // What serve does; by default it connects and stays until a stop.
+    std::function<void(ScriptedWorker &)> script = [](ScriptedWorker &w) {
+        w.reportStatus(100, "connection success");
+        w.end_first_attempt(connected_once);
+        w.wait_for_stop();
+    };
+    std::function<void(unsigned)> on_timer;
+    std::atomic<int> serves{0}, recovers{0}, wakes{0};
+
+    int serve() override
+    {
+        ++serves;
+        script(*this);
+        return 1;
+    }
+    int recover() override { return ++recovers; }
+    int receive() override { return 1; }
+    int sendHeartbeat() override { return 1; }
+    int wake() override
+    {
+        int woken = ++wakes;
+        wakes.notify_all();
+        return woken;
+    }
+    void timer_fired(unsigned id) override
+    {
+        if (on_timer)
+            on_timer(id);
+    }
+    void wait_for_stop()
+    {
+        // A real worker notices the stop on its next receive pass; here the
+        // wake that comes with it is enough.
+        for (int seen = wakes.load(); !engine()->stop_requested(); seen = wakes.load())
+            wakes.wait(seen);
+    }
+};
+
+struct RecordingEngine : CVartoEngine {
+    ScriptedWorker worker;
+    std::vector<std::string> calls; // slot names, in call order
+    std::string description;
+    int answer = 7;                 // what every slot answers
+    std::vector<const sWatchData *> rebound;
+
+    ~RecordingEngine() override { stop_worker(); }
+
+    int create_connection(std::string d, int, std::string, std::string, std::string, CVartoSpy *monitor) override
+    {
+        calls.push_back("create_connection");
+        description = d;
+        worker.setMonitor(monitor);
+        return start_worker(&worker);
+    }
+    int record(const char *slot)
+    {
+        calls.push_back(slot);
+        return answer;
+    }
+    int addRqDontStore(void **, void *, CZelReceiver *, void *, int *) override { return record("addRqDontStore"); }
+    int addWatch(void **, int *, sPChar *, int, void *, void *, bool, long, bool, bool, int *) override
+    {
+        return record("addWatch");
+    }
+    int RemoveWatch(const int *, sPChar *, int) override { return record("RemoveWatch"); }
+    int removeWatch(void *, int *) override { return record("removeWatch"); }
+    int sendMsg(scratchcb *, int *) override { return record("sendMsg"); }
+    int enableHeartbeat(CZelHeartbeatListener *, long, int *) override { return record("enableHeartbeat"); }
+    int getMeters(sZelMeters *, int *) override { return record("getMeters"); }
+    int removeWatchesByContext(void *) override { return record("removeWatchesByContext"); }
+    int removeWatchesByReceiver(CZelReceiver *) override { return record("removeWatchesByReceiver"); }
+    int removeAllWatches(int *) override { return record("removeAllWatches"); }
+    int RegisterSrvc(std::string, CZelReceiver *, int *) override { return record("RegisterSrvc"); }
+    int registerSrvc(const sPChar *, void *, int, int *) override { return record("registerSrvc"); }
+    int resetMeters(int *err) override { return record(err ? "resetMeters" : "resetMeters(null)"); }
+    int enable_log(FILE *, std::string) override { return record("enable_log"); }
+    int disableHeartbeat(int *) override { return record("disableHeartbeat"); }
+    int disable_log(FILE *, std::string) override { return record("disable_log"); }
+    int closeChannel(int *) override { return record("closeChannel"); }
+    void rebind(const sWatchData &watch) override { rebound.push_back(&watch); }
+};

@@ -1,0 +1,345 @@
+// The facade and the engine and worker bases: connection creation for each
+// transport type, forwarding and the fixed answers, the worker thread's start
+// and stop, status reports, and the watch and request messages engines send.
+#include <gtest/gtest.h>
+#include <zel/engine.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/engine_factory.h"
+#include "api/key_tags.h"
+#include "api/requests.h"
+#include "scripted_transport.h"
+
+namespace {
+
+using zel::Transport;
+
+// The engine each transport made, for the test to script and inspect.
+RecordingEngine *made = nullptr;
+Transport made_for;
+
+template <Transport T>
+CVartoEngine *make_recording(CIntRxWnd *)
+{
+    made_for = T;
+    return made = new RecordingEngine;
+}
+
+struct Facade : ::testing::Test {
+    void SetUp() override
+    {
+        zel::engine_maker(Transport::zmq) = make_recording<Transport::zmq>;
+        zel::engine_maker(Transport::hub) = make_recording<Transport::hub>;
+        zel::engine_maker(Transport::amqp) = make_recording<Transport::amqp>;
+    }
+    void TearDown() override
+    {
+        for (Transport t : {Transport::zmq, Transport::hub, Transport::amqp})
+            zel::engine_maker(t) = nullptr;
+        while (zel_pump_messages(0) > 0)
+            ;
+    }
+    static int connect(CZelEngine &e, const std::string &type, const std::string &host = "10.0.0.5", int port = 7001)
+    {
+        return e.create_connection(port, host, type, "a4", "a5", "a6", "a7", 8, "a9", "a10", "a11", nullptr);
+    }
+};
+
+TEST_F(Facade, TheTypeChoosesTheEngineAndItsDescription)
+{
+    struct Case {
+        std::string type;
+        Transport transport;
+        std::string description;
+    };
+    for (const Case &c : std::vector<Case>{
+             {"hub", Transport::hub, "10.0.0.5@7001"},
+             {"", Transport::hub, "10.0.0.5@7001"},
+             {"ZMQ_SUB", Transport::zmq, "10.0.0.5@7001@ZMQ_SUB@a7@a6"},
+             {"ZMQ_PUB", Transport::zmq, "10.0.0.5@7001@ZMQ_PUB@a7@a6"},
+             {"zmq_sub", Transport::amqp, "a6@a7@a5@10.0.0.5@7001@zmq_sub@a4"},
+             {"amqps", Transport::amqp, "a6@a7@a5@10.0.0.5@7001@amqps@a4"}}) {
+        CZelEngine e;
+        ASSERT_EQ(connect(e, c.type), 1) << c.type;
+        EXPECT_EQ(made_for, c.transport) << c.type;
+        EXPECT_EQ(made->description, c.description) << c.type;
+        // Meters are reset (with no error slot) before the connection starts.
+        EXPECT_EQ(made->calls, (std::vector<std::string>{"resetMeters(null)", "create_connection"}));
+    }
+}
+
+TEST_F(Facade, CreateReturnsAfterTheFirstAttemptAndOnlyOnce)
+{
+    CZelEngine e;
+    int status = 99, err = 0;
+    e.getConnectionStatus(&status, &err); // no connection yet: left alone
+    EXPECT_EQ(status, 99);
+    ASSERT_EQ(connect(e, "hub"), 1);
+    RecordingEngine *first = made;
+    e.getConnectionStatus(&status, &err); // the worker connected before create returned
+    EXPECT_EQ(status, ZEL_STATUS_CONNECTED);
+    EXPECT_EQ(connect(e, "hub"), 0);
+    EXPECT_EQ(made, first);
+    EXPECT_EQ(first->worker.serves, 1);
+    CIntRxWnd *window = first->window();
+    EXPECT_EQ(window->engine(), first);
+    EXPECT_EQ(window->owner(), &e);
+    EXPECT_EQ(window->instance_text(), "a7");
+}
+
+TEST_F(Facade, AWorkerThatNeverConnectsStillLetsCreateReturn)
+{
+    CZelEngine e;
+    zel::engine_maker(Transport::hub) = [](CIntRxWnd *) -> CVartoEngine * {
+        made = new RecordingEngine;
+        made->worker.script = [](ScriptedWorker &) {}; // serve gives up at once
+        return made;
+    };
+    ASSERT_EQ(connect(e, "hub"), 1);
+    EXPECT_EQ(made->worker.connection_state(), CVartoWorker::first_attempt_failed);
+}
+
+TEST_F(Facade, NoTransportInThisBuildMeansNoConnection)
+{
+    zel::engine_maker(Transport::amqp) = nullptr;
+    CZelEngine e;
+    made = nullptr;
+    EXPECT_EQ(connect(e, "amqps"), 0);
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(connect(e, "hub"), 1); // nothing was half made
+}
+
+TEST_F(Facade, OperationsForwardToTheirSlotAndTheFixedOnesAnswerAsTheyMust)
+{
+    CZelEngine e;
+    ASSERT_EQ(connect(e, "hub"), 1);
+    made->calls.clear();
+    int err = 0, tag = 5;
+    void *handle = nullptr;
+    sPChar name{const_cast<char *>("svc"), 3};
+    sZelMeters meters{};
+    for (int answer : {7, 0}) {
+        made->answer = answer;
+        int expected = answer ? 1 : 0;
+        EXPECT_EQ(e.addRqDontStore(&handle, nullptr, nullptr, nullptr, &err), expected);
+        EXPECT_EQ(e.addWatch(&handle, &tag, &name, 1, nullptr, nullptr, false, 0, false, false, &err), expected);
+        EXPECT_EQ(e.removeWatch(handle, &err), expected);
+        EXPECT_EQ(e.removeWatchesByContext(&err), expected);
+        EXPECT_EQ(e.removeWatchesByReceiver(nullptr), expected);
+        EXPECT_EQ(e.removeAllWatches(&err), expected);
+        EXPECT_EQ(e.sendMsg(nullptr, &err), expected);
+        EXPECT_EQ(e.registerSrvc(&name, nullptr, 0, &err), expected);
+        EXPECT_EQ(e.RegisterSrvc("svc", nullptr, &err), expected);
+        EXPECT_EQ(e.enableHeartbeat(nullptr, 50000, &err), expected);
+        EXPECT_EQ(e.getMeters(&meters, &err), expected);
+        EXPECT_EQ(e.resetMeters(&err), expected);
+        // Passed on, but the answer is fixed.
+        EXPECT_EQ(e.RemoveWatch(&tag, &name, 1), 0);
+        EXPECT_EQ(e.closeChannel(&err), 1);
+        EXPECT_EQ(e.enable_log(nullptr, "/dev/null"), 1);
+        EXPECT_EQ(e.disable_log(nullptr, ""), 1);
+    }
+    EXPECT_EQ(made->calls.size(), 32u);
+    made->calls.clear();
+    bool enabled = false;
+    EXPECT_EQ(e.disableHeartbeat(&err), 1);
+    EXPECT_EQ(e.isHeartbeatEnabled(&enabled, &err), 1);
+    EXPECT_FALSE(enabled);
+    EXPECT_EQ(e.openChannel(&err), 1);
+    EXPECT_EQ(e.stop(&err), 1);
+    EXPECT_EQ(e.addDevice(&name, &err), 1);
+    EXPECT_EQ(e.addVersion(&name, &name, &err), 1);
+    EXPECT_EQ(e.removeAllRqs(&err), 1);
+    EXPECT_TRUE(made->calls.empty()); // the fixed ones reach no slot
+    EXPECT_EQ(err, 0);                // and the facade never writes the detail
+}
+
+TEST_F(Facade, TheListenerSetBeforeTheConnectionIsLostAndOneSetAfterHearsChanges)
+{
+    struct Listener : CZelListener {
+        std::vector<int> seen;
+        int statusChange(int status, int *) override { return seen.push_back(status), 1; }
+    } early, late;
+    CZelEngine e;
+    int err = 0;
+    e.setConnectionListener(&early, &err);
+    ASSERT_EQ(connect(e, "hub"), 1);
+    e.setConnectionListener(&late, &err);
+    zel_pump_messages(0);
+    EXPECT_TRUE(early.seen.empty());
+    EXPECT_EQ(late.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
+}
+
+TEST_F(Facade, DestroyingStopsTheWorkerAndWaitsForItsThread)
+{
+    static std::atomic<bool> serve_returned{false};
+    zel::engine_maker(Transport::hub) = [](CIntRxWnd *) -> CVartoEngine * {
+        made = new RecordingEngine;
+        auto connect_and_stay = made->worker.script;
+        made->worker.script = [connect_and_stay](ScriptedWorker &w) {
+            connect_and_stay(w);
+            serve_returned = true;
+        };
+        return made;
+    };
+    auto *e = new CZelEngine;
+    ASSERT_EQ(connect(*e, "hub"), 1);
+    EXPECT_FALSE(serve_returned);
+    delete e;
+    EXPECT_TRUE(serve_returned);
+}
+
+// A worker driven by hand: its engine, window and script, without a facade.
+struct Worker : ::testing::Test {
+    CIntRxWnd window;
+    std::unique_ptr<RecordingEngine> owned = std::make_unique<RecordingEngine>();
+    RecordingEngine &engine = *owned;
+    void SetUp() override
+    {
+        window.set_engine(&engine);
+        engine.set_window(&window);
+    }
+    void start() { ASSERT_TRUE(engine.create_connection("", 0, "", "", "", &window.monitor())); }
+    void pump_until_status(int status)
+    {
+        while (window.status() != status)
+            zel_pump_messages(-1);
+    }
+};
+
+TEST_F(Worker, ARecoveryTimerKeepsTheWorkerAliveUntilItConnects)
+{
+    engine.worker.script = [](ScriptedWorker &w) {
+        if (w.serves == 1) {
+            w.onError(0, "ignored"); // no code: no recovery, no report
+            w.end_first_attempt(CVartoWorker::first_attempt_failed);
+            w.onError(111, "connection not open");
+            w.loop().set_timer(1000, 1);
+            return;
+        }
+        w.reportStatus(100, "connection success");
+        w.wait_for_stop();
+    };
+    engine.worker.on_timer = [this](unsigned id) {
+        EXPECT_EQ(id, 1000u);
+        engine.worker.serve();
+    };
+    start();
+    EXPECT_EQ(engine.worker.connection_state(), CVartoWorker::first_attempt_failed);
+    pump_until_status(ZEL_STATUS_CONNECTED);
+    EXPECT_EQ(engine.worker.recovers, 1);
+    EXPECT_EQ(engine.worker.serves, 2);
+    EXPECT_FALSE(engine.stop_requested()); // serve's first return left no stale count behind
+}
+
+TEST_F(Worker, OnceAStopIsRequestedReportsNoLongerChangeTheStatus)
+{
+    engine.worker.script = [](ScriptedWorker &w) {
+        w.reportStatus(100, "connection success : 0");
+        w.end_first_attempt(CVartoWorker::connected_once);
+        w.wait_for_stop();
+        w.reportStatus(0, "connection not open");
+    };
+    start();
+    EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
+    owned.reset(); // stops the worker, which then reports the connection gone
+    EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
+}
+
+TEST(Requests, AWatchKeepsItsKeysSortedAndCarriesItsSubscribeAndUnsubscribeRequests)
+{
+    int err = 0;
+    vartocb *builder = nullptr, *reader = nullptr;
+    scratchcb *scratch = nullptr;
+    zel_ctor_vartocb(&builder, &err);
+    zel_ctor_vartocb(&reader, &err);
+    zel_open_scratch(&scratch, 16, &err);
+    int tags[] = {5, 2, 9, 2};
+    sPChar values[] = {{const_cast<char *>("five"), 4}, {const_cast<char *>("two"), 3}, {nullptr, 0},
+                       {const_cast<char *>("again"), -1}};
+    int context = 0;
+    auto watch = zel::make_watch(tags, values, 4, nullptr, &context, builder, scratch, &err);
+    ASSERT_TRUE(watch) << err;
+    EXPECT_EQ(watch->tags, (std::vector<int>{2, 2, 5, 9}));
+    EXPECT_EQ(watch->values, (std::vector<std::string>{"two", "", "five", ""}));
+    EXPECT_EQ(watch->context, &context);
+
+    auto admin = [&](const std::string &bytes) {
+        scratchcb in{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()),
+                     const_cast<char *>(bytes.data())};
+        scratchcb *text = nullptr;
+        zel_open_scratch(&text, 64, &err);
+        EXPECT_EQ(zel_parse_msg(reader, &in, &err), 1);
+        varto_to_admin(reader, text, &err);
+        std::string out(text->data, size_t(text->len));
+        zel_close_scratch(&text, &err);
+        return out;
+    };
+    EXPECT_EQ(admin(watch->subscribe), "0 1 subscribe 2 1 two 2 0 5 1 five 9 0 ");
+    EXPECT_EQ(admin(watch->unsubscribe), "0 1 unsubscribe 2 1 two 2 0 5 1 five 9 0 ");
+    EXPECT_EQ(watch->unsubscribe.size(), watch->subscribe.size() + 2);
+
+    int bad_tag = 70000;
+    EXPECT_FALSE(zel::make_watch(&bad_tag, values, 1, nullptr, nullptr, builder, scratch, &err));
+    EXPECT_FALSE(zel::make_watch(nullptr, values, 1, nullptr, nullptr, builder, scratch, &err));
+    EXPECT_EQ(err, 2);
+    zel_close_scratch(&scratch, &err);
+    zel_dtor_vartocb(&reader, &err);
+    zel_dtor_vartocb(&builder, &err);
+}
+
+TEST(Requests, ARequestIsStampedWithItsReceiversNumberAndNeedsAName)
+{
+    struct Receiver : CZelReceiver {
+        int processMsg(vartocb *, int, sWatchData *, void *, int *) override { return 1; }
+        int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
+    } receiver;
+    int err = 0, context = 0;
+    vartocb *m = nullptr;
+    scratchcb *request = nullptr;
+    zel_ctor_vartocb(&m, &err);
+    zel_open_scratch(&request, 8, &err);
+    EXPECT_FALSE(zel::prepare_request(nullptr, &receiver, &context, m, &err));
+    EXPECT_EQ(err, 1);
+
+    sPChar value{const_cast<char *>("quote"), 5};
+    zel_start_msg(m, request, &err);
+    zel_add_data(m, 7, 1, &value, &err); // no name yet
+    EXPECT_FALSE(zel::prepare_request(request, &receiver, &context, m, &err));
+    EXPECT_EQ(err, 2);
+
+    request->len = 0;
+    zel_start_msg(m, request, &err);
+    zel_add_data(m, 0, 1, &value, &err);
+    auto pending = zel::prepare_request(request, &receiver, &context, m, &err);
+    ASSERT_TRUE(pending);
+    EXPECT_EQ(pending->request_number, uint64_t(reinterpret_cast<uintptr_t>(&receiver)));
+    EXPECT_EQ(pending->receiver, &receiver);
+    EXPECT_EQ(pending->context, &context);
+    sPChar number{};
+    ASSERT_EQ(zel_get_data(m, 32760, 0, &number, &err), 1);
+    EXPECT_EQ(std::string(number.data, size_t(number.len)), std::to_string(pending->request_number));
+    zel_close_scratch(&request, &err);
+    zel_dtor_vartocb(&m, &err);
+}
+
+TEST(FacadeFunctions, KeyTagsNTSeriesAndAllDigits)
+{
+    CZelEngine e;
+    EXPECT_EQ(zel::key_tags(),
+              (std::vector<int32_t>{10100, 31003, 44031, 50207, 54211, 63001, 63100, 64001, 64016, 64022}));
+    EXPECT_EQ(NT_series(), 4);
+    EXPECT_EQ(m_all_digits(nullptr), 0);
+    for (auto [text, digits] : std::vector<std::pair<std::string, int>>{
+             {"", 1}, {"0123", 1}, {"12a", 0}, {"a12", 0}, {"1 2", 0}, {"9\xb9", 0}, {"/", 0}, {":", 0}}) {
+        sPChar p{text.data(), int32_t(text.size())};
+        EXPECT_EQ(m_all_digits(&p), digits) << text;
+    }
+}
+
+} // namespace
