@@ -35,6 +35,16 @@ BatchBuffer::~BatchBuffer()
     live_.fetch_sub(1, std::memory_order_relaxed);
 }
 
+bool BatchBuffer::reserve(int32_t bytes)
+{
+    int err = 0;
+    bool ok = data_ ? (bytes <= data_->alloc || pset_buffer_size(data_, bytes, &err))
+                    : zel_open_scratch(&data_, bytes > 0 ? bytes : 1, &err);
+    if (!ok)
+        alert("Add to scratchCb is failed");
+    return ok;
+}
+
 bool BatchBuffer::append(const char *bytes, int32_t len, int32_t messages)
 {
     int err = 0;

@@ -19,6 +19,10 @@ public:
     BatchBuffer(const BatchBuffer &) = delete;
     BatchBuffer &operator=(const BatchBuffer &) = delete;
 
+    // Makes room for `bytes` in all, so that the appends that follow do not
+    // reallocate; false (with the alert) when it cannot.
+    // @locality the posting worker, before the buffer is posted
+    bool reserve(int32_t bytes);
     // Appends the bytes of `messages` whole messages; false (with the alert
     // "Add to scratchCb is failed") when the buffer cannot grow.
     // @locality the posting worker, before the buffer is posted

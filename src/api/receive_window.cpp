@@ -177,13 +177,18 @@ CIntRxWnd::~CIntRxWnd()
 
 void CIntRxWnd::post_block(const char *bytes, int32_t len, int32_t messages)
 {
-    count(received_bytes, uint64_t(len > 0 ? len : 0));
     zel::wait_for_batch_room();
     auto *batch = new zel::BatchBuffer;
     if (!batch->append(bytes, len, messages)) {
         delete batch;
         return;
     }
+    post_batch(batch);
+}
+
+void CIntRxWnd::post_batch(zel::BatchBuffer *batch)
+{
+    count(received_bytes, uint64_t(batch->length()));
     queue()->post(target_id(), on_msg(), on_msg(), reinterpret_cast<intptr_t>(batch), dispose_batch);
 }
 

@@ -38,6 +38,9 @@ public:
     // `messages` whole messages as one batch. A zero-length block is posted
     // too (it is dropped, silently, on delivery).
     void post_block(const char *bytes, int32_t len, int32_t messages = 1);
+    // Counts the bytes and posts a batch the worker filled itself (after
+    // waiting for batch room); the window owns it from here.
+    void post_batch(zel::BatchBuffer *batch);
     // Asks for the listener to be told the status current when it runs.
     void post_status_change();
     CVartoSpy &monitor() { return monitor_; }

@@ -31,6 +31,8 @@ CVartoEngine *make_recording(CIntRxWnd *)
 }
 
 struct Facade : ::testing::Test {
+    const zel::EngineMaker built_in[3] = {zel::engine_maker(Transport::zmq), zel::engine_maker(Transport::hub),
+                                          zel::engine_maker(Transport::amqp)};
     void SetUp() override
     {
         zel::engine_maker(Transport::zmq) = make_recording<Transport::zmq>;
@@ -40,7 +42,7 @@ struct Facade : ::testing::Test {
     void TearDown() override
     {
         for (Transport t : {Transport::zmq, Transport::hub, Transport::amqp})
-            zel::engine_maker(t) = nullptr;
+            zel::engine_maker(t) = built_in[int(t)];
         while (zel_pump_messages(0) > 0)
             ;
     }

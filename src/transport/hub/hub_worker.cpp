@@ -1,0 +1,386 @@
+// The hub connection's life on its worker thread: connect, receive, write,
+// heartbeats, loss and recovery.
+#include "transport/hub/hub_worker.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "api/batch_buffer.h"
+#include "api/receive_window.h"
+#include "transport/hub/framing.h"
+
+namespace {
+
+constexpr unsigned reconnect_timer_id = 1000;
+constexpr int turn_ms = 30;                    // one receive pass waits at most this long
+constexpr size_t receive_buffer_size = 0x10000;
+constexpr int reserve_beyond_frame = 256;
+
+// Reconnect delays: 2000 ms doubled before every retry, saturating. Tests may
+// lower the base and cap the delay through the environment.
+unsigned delay_from_environment(const char *name, unsigned fallback)
+{
+    const char *text = std::getenv(name);
+    if (!text || !*text)
+        return fallback;
+    char *end = nullptr;
+    unsigned long value = std::strtoul(text, &end, 10);
+    return (*end || value == 0 || value > UINT_MAX) ? fallback : unsigned(value);
+}
+
+unsigned base_delay_ms()
+{
+    return delay_from_environment("ZEL_RECONNECT_BASE_MS", 2000);
+}
+
+unsigned doubled_delay_ms(unsigned delay)
+{
+    const unsigned cap = delay_from_environment("ZEL_RECONNECT_MAX_MS", INT_MAX);
+    return delay >= cap / 2 ? cap : delay * 2;
+}
+
+} // namespace
+
+CHubworker::CHubworker(HubSettings settings)
+    : settings_(std::move(settings)), reconnect_delay_ms_(base_delay_ms()), received_(receive_buffer_size),
+      heartbeat_frame_(zel::hub::make_frame({{0, "varto_heartbeat"}}))
+{
+}
+
+CHubworker::~CHubworker()
+{
+    close_socket();
+    close_log();
+}
+
+// ---- Connecting -------------------------------------------------------------
+
+int CHubworker::serve()
+{
+    if (!connect_socket()) {
+        end_first_attempt(first_attempt_failed);
+        return 0;
+    }
+    // The announce goes first on every connection; what an earlier
+    // connection left queued is dropped.
+    sender_.attach();
+    unsent_.clear();
+    unsent_offset_ = 0;
+    received_used_ = 0;
+    std::string name = settings_.window ? settings_.window->instance_text() : std::string();
+    sender_.queue_frame(zel::hub::make_frame({{0, "set_device_aka"}, {10002, name}}));
+    closed_.store(0, std::memory_order_release);
+    reportStatus(100, "connection success");
+    end_first_attempt(connected_once);
+    sent_bytes_.store(0, std::memory_order_relaxed);
+    if (settings_.window)
+        reportStatus(100, "Connected");
+    reconnect_delay_ms_ = base_delay_ms();
+    receive();
+    return 1;
+}
+
+bool CHubworker::connect_socket()
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    std::string port = std::to_string(settings_.port);
+    if (::getaddrinfo(settings_.host.c_str(), port.c_str(), &hints, &found) != 0 || !found) {
+        onError(EADDRNOTAVAIL, "socket connection error");
+        return false;
+    }
+    std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> address(found, ::freeaddrinfo);
+
+    socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (socket_ < 0) {
+        onError(errno, "socket open error");
+        return false;
+    }
+    timeval receive_timeout{0, turn_ms * 1000};
+    int one = 1;
+    if (::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &receive_timeout, sizeof receive_timeout) != 0 ||
+        ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) {
+        onError(errno, "socket opt error");
+        return false;
+    }
+    if (::connect(socket_, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS) {
+        onError(errno, "socket connection error");
+        return false;
+    }
+    return wait_until_connected();
+}
+
+// Waits for the connect in short turns, so that a stop is noticed while a
+// distant hub does not answer.
+bool CHubworker::wait_until_connected()
+{
+    for (;;) {
+        if (stopping()) {
+            close_socket();
+            return false;
+        }
+        pollfd p{socket_, POLLOUT, 0};
+        if (::poll(&p, 1, turn_ms) == 0)
+            continue;
+        int error = 0;
+        socklen_t size = sizeof error;
+        if (::getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+            error = errno;
+        if (error == 0)
+            return true;
+        onError(error, "socket connection error");
+        return false;
+    }
+}
+
+// ---- Receiving and writing --------------------------------------------------
+
+int CHubworker::receive()
+{
+    int passes = 0;
+    int error = 0;
+    for (;;) {
+        if (stopping())
+            return 0;
+        bool writing = unsent_offset_ < unsent_.size();
+        pollfd waits[2] = {{socket_, short(POLLIN | (writing ? POLLOUT : 0)), 0}, {sender_.wake_fd(), POLLIN, 0}};
+        if (::poll(waits, 2, turn_ms) < 0 && errno != EINTR) {
+            error = errno;
+            break;
+        }
+        if (waits[1].revents & POLLIN)
+            sender_.drain_wakes();
+        if ((waits[0].revents & (POLLIN | POLLHUP | POLLERR)) && !read_available(&error))
+            break;
+        if (!flush(&error))
+            break;
+        count_heartbeat_pass(&passes);
+    }
+    connection_lost(error);
+    return 0;
+}
+
+// Reads what the socket has and posts the complete frames. False when the
+// connection is over (peer closed, broken stream, or an error).
+bool CHubworker::read_available(int *error)
+{
+    ssize_t n = ::recv(socket_, received_.data() + received_used_, received_.size() - received_used_, 0);
+    if (n == 0) {
+        *error = ECONNRESET;
+        return false;
+    }
+    if (n < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETIMEDOUT || errno == EINTR)
+            return true;
+        *error = errno;
+        return false;
+    }
+    received_used_ += size_t(n);
+    auto count = [](const char *, int32_t) {};
+    zel::hub::Cut cut = zel::hub::cut_frames(received_.data(), int64_t(received_used_), count);
+    if (cut.frames > 0)
+        post_frames();
+    if (cut.broken) {
+        *error = EPROTO;
+        return false;
+    }
+    std::memmove(received_.data(), received_.data() + cut.consumed, received_used_ - size_t(cut.consumed));
+    received_used_ -= size_t(cut.consumed);
+    if (size_t(cut.needed) > received_.size())
+        received_.resize(received_used_ + size_t(cut.needed) + reserve_beyond_frame);
+    return true;
+}
+
+// Every complete frame of one read goes to the application thread in one
+// batch. Empty frames carry no message and are skipped.
+void CHubworker::post_frames()
+{
+    if (!settings_.window)
+        return;
+    int64_t payload = 0;
+    int32_t messages = 0;
+    auto measure = [&](const char *, int32_t length) {
+        payload += length;
+        messages += length > 0;
+    };
+    zel::hub::cut_frames(received_.data(), int64_t(received_used_), measure);
+    if (messages == 0)
+        return;
+    zel::wait_for_batch_room();
+    auto batch = std::make_unique<zel::BatchBuffer>();
+    bool complete = batch->reserve(int32_t(payload));
+    auto append = [&](const char *message, int32_t length) {
+        if (complete && length > 0)
+            complete = batch->append(message, length, 1);
+    };
+    zel::hub::cut_frames(received_.data(), int64_t(received_used_), append);
+    if (complete)
+        settings_.window->post_batch(batch.release());
+}
+
+// Writes what the sender queued, as far as the socket takes it now.
+bool CHubworker::flush(int *error)
+{
+    if (unsent_offset_ == unsent_.size()) {
+        unsent_.clear();
+        unsent_offset_ = 0;
+    }
+    sender_.take_queued(unsent_);
+    while (unsent_offset_ < unsent_.size()) {
+        ssize_t n = ::send(socket_, unsent_.data() + unsent_offset_, unsent_.size() - unsent_offset_, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
+                return true;
+            *error = errno;
+            return false;
+        }
+        unsent_offset_ += size_t(n);
+    }
+    return true;
+}
+
+void CHubworker::count_heartbeat_pass(int *passes)
+{
+    if (!heartbeat_enabled_.load(std::memory_order_relaxed))
+        return;
+    long per_heartbeat = heartbeat_interval_.load(std::memory_order_relaxed) * 1000 / 60000;
+    if (++*passes >= per_heartbeat) {
+        sendHeartbeat();
+        *passes = 0;
+    }
+}
+
+int CHubworker::sendHeartbeat()
+{
+    send(heartbeat_frame_.data() + zel::hub::frame_header_size,
+         int32_t(heartbeat_frame_.size()) - zel::hub::frame_header_size);
+    return 1;
+}
+
+// ---- Losing the connection and recovering -----------------------------------
+
+// The listener hears "lost" before recovery starts, then "recovering".
+void CHubworker::connection_lost(int error)
+{
+    reportStatus(0, "Dis-Connected");
+    reportStatus(0, "connection not open");
+    onError(error ? error : ECONNRESET, "connection not open");
+}
+
+int CHubworker::recover()
+{
+    close_socket();
+    reconnect_delay_ms_ = doubled_delay_ms(reconnect_delay_ms_);
+    reportStatus(0, "recovery attempt failed, trying again");
+    loop().set_timer(reconnect_timer_id, reconnect_delay_ms_);
+    reconnect_timer_armed_ = true;
+    return 1;
+}
+
+void CHubworker::timer_fired(unsigned id)
+{
+    if (id != reconnect_timer_id || !reconnect_timer_armed_)
+        return;
+    reconnect_timer_armed_ = false;
+    if (stopping()) {
+        engine()->acknowledge_stop();
+        loop().post_quit();
+        return;
+    }
+    if (attempts_left_ == 0) {
+        reportStatus(0, "no of reconnection attempts limit breached. shutting down.");
+        loop().post_quit();
+        return;
+    }
+    --attempts_left_;
+    serve();
+    // A failed attempt that armed the next retry keeps the worker alive;
+    // anything else (a stop, a failure with no retry) ends it.
+    if (!reconnect_timer_armed_)
+        loop().post_quit();
+}
+
+void CHubworker::close_socket()
+{
+    if (socket_ >= 0)
+        ::close(socket_);
+    socket_ = -1;
+    closed_.store(1, std::memory_order_release);
+}
+
+bool CHubworker::stopping() const
+{
+    CVartoEngine *owner = engine();
+    return owner && owner->stop_requested();
+}
+
+// ---- Application side ---------------------------------------------------------
+
+int CHubworker::wake()
+{
+    sender_.wake();
+    return 1;
+}
+
+int CHubworker::send(const char *message, int32_t length)
+{
+    if (closed_.load(std::memory_order_acquire)) {
+        reportStatus(1, "connection not open");
+        return 1;
+    }
+    sender_.queue_message(std::string_view(message, size_t(length)));
+    sent_bytes_.fetch_add(uint64_t(length), std::memory_order_relaxed);
+    return 0;
+}
+
+void CHubworker::send_watch_request(const std::string &request)
+{
+    sender_.queue_message(request);
+}
+
+void CHubworker::enable_heartbeat(long interval_ms)
+{
+    heartbeat_interval_.store(interval_ms, std::memory_order_relaxed);
+    heartbeat_enabled_.store(true, std::memory_order_relaxed);
+}
+
+void CHubworker::open_log(const std::string &path)
+{
+    std::lock_guard<std::mutex> guard(log_lock_);
+    if (log_)
+        std::fclose(log_);
+    log_ = std::fopen(path.c_str(), "w+");
+}
+
+void CHubworker::close_log()
+{
+    std::lock_guard<std::mutex> guard(log_lock_);
+    if (log_)
+        std::fclose(log_);
+    log_ = nullptr;
+}
+
+int CHubworker::reportStatus(int level, std::string text)
+{
+    {
+        std::lock_guard<std::mutex> guard(log_lock_);
+        if (log_) {
+            std::fprintf(log_, "level %d %s\n", level, text.c_str());
+            std::fflush(log_);
+        }
+    }
+    return CVartoWorker::reportStatus(level, std::move(text));
+}

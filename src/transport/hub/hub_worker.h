@@ -1,0 +1,84 @@
+// The hub worker: owns the TCP connection to the hub on a thread of its own.
+// It connects and announces the application, cuts the frames it reads into
+// batches for the application thread, writes what the sender queued, sends
+// heartbeats, and reconnects with a doubling delay when the connection ends.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "api/engine_interface.h"
+#include "transport/hub/hub_sender.h"
+
+class CIntRxWnd;
+
+struct HubSettings {
+    std::string host;
+    int port = 0;
+    CIntRxWnd *window = nullptr;
+};
+
+class CHubworker : public CVartoWorker {
+public:
+    explicit CHubworker(HubSettings settings);
+    ~CHubworker() override;
+
+    // ---- Worker thread -------------------------------------------------------
+    int serve() override;
+    int recover() override;
+    int receive() override;
+    int sendHeartbeat() override;
+    void timer_fired(unsigned id) override;
+
+    // ---- Any thread ----------------------------------------------------------
+    int wake() override;
+    // The plain send path: queues one message unless no connection is open,
+    // in which case it reports "connection not open" and drops it. Answers 0
+    // when the message was queued (the closed flag).
+    int send(const char *message, int32_t length);
+    // Subscribe and unsubscribe requests are queued whatever the state; a
+    // new connection gets every watch again anyway.
+    void send_watch_request(const std::string &request);
+
+    void enable_heartbeat(long interval_ms);
+    uint64_t sent_bytes() const { return sent_bytes_.load(std::memory_order_relaxed); }
+    void reset_sent_bytes() { sent_bytes_.store(0, std::memory_order_relaxed); }
+
+    // The worker's log: its status reports, one line each. @locality application thread
+    void open_log(const std::string &path);
+    void close_log();
+    int reportStatus(int level, std::string text) override;
+
+private:
+    bool connect_socket();
+    bool wait_until_connected();
+    void connection_lost(int error);
+    bool read_available(int *error);
+    void post_frames();
+    bool flush(int *error);
+    void close_socket();
+    bool stopping() const;
+    void count_heartbeat_pass(int *passes);
+
+    HubSettings settings_;
+    CHubSender sender_;
+    int socket_ = -1;
+    std::atomic<int> closed_{1};
+    std::atomic<bool> heartbeat_enabled_{false};
+    std::atomic<long> heartbeat_interval_{50000};
+    int attempts_left_ = 120;
+    unsigned reconnect_delay_ms_;
+    bool reconnect_timer_armed_ = false;
+    std::vector<char> received_;   // bytes read and not yet framed
+    size_t received_used_ = 0;
+    std::string unsent_;           // taken from the sender, not yet written
+    size_t unsent_offset_ = 0;
+    std::atomic<uint64_t> sent_bytes_{0};
+    const std::string heartbeat_frame_;
+    std::mutex log_lock_;
+    FILE *log_ = nullptr;          // guarded by log_lock_
+};
