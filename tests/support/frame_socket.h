@@ -1,0 +1,134 @@
+// Raw hub peers for tests: a socket that sends and reads whole frames, and
+// a listener that plays the hub where a fault must be injected.
+#pragma once
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "support/time_factor.h"
+#include "transport/hub/framing.h"
+
+namespace zel::test {
+
+class FrameSocket {
+public:
+    explicit FrameSocket(int fd = -1) : fd_(fd) {}
+    ~FrameSocket() { close(); }
+    FrameSocket(FrameSocket &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    FrameSocket &operator=(FrameSocket &&other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+
+    // A `receive_buffer` other than 0 sets the socket's receive buffer first.
+    static FrameSocket connect_to(int port, int receive_buffer = 0)
+    {
+        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (receive_buffer)
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(uint16_t(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+            ::close(fd);
+            throw std::runtime_error("connect failed");
+        }
+        return FrameSocket(fd);
+    }
+
+    int fd() const { return fd_; }
+    void close()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+
+    bool send_raw(const std::string &bytes)
+    {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
+    }
+    bool send_message(const std::string &message)
+    {
+        char header[hub::frame_header_size];
+        hub::put_frame_length(header, uint32_t(message.size()));
+        return send_raw(std::string(header, sizeof header) + message);
+    }
+
+    // The next frame's message, or nothing when the peer closed or the wait
+    // ran out.
+    std::optional<std::string> read_message(std::chrono::milliseconds wait = patience())
+    {
+        auto deadline = std::chrono::steady_clock::now() + wait;
+        std::string header, message;
+        if (!read_exactly(header, hub::frame_header_size, deadline))
+            return std::nullopt;
+        if (!read_exactly(message, size_t(hub::frame_length(header.data())), deadline))
+            return std::nullopt;
+        return message;
+    }
+
+private:
+    bool read_exactly(std::string &out, size_t size, std::chrono::steady_clock::time_point deadline)
+    {
+        out.resize(size);
+        size_t got = 0;
+        while (got < size) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            pollfd p{fd_, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&p, 1, int(left.count())) <= 0)
+                return false;
+            ssize_t n = ::recv(fd_, out.data() + got, size - got, 0);
+            if (n <= 0)
+                return false;
+            got += size_t(n);
+        }
+        return true;
+    }
+
+    int fd_;
+};
+
+// Listens on a free loopback port and hands out the connections it accepts.
+class FrameListener {
+public:
+    FrameListener()
+    {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof a;
+        if (::bind(fd_, reinterpret_cast<sockaddr *>(&a), size) != 0 || ::listen(fd_, 16) != 0 ||
+            ::getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &size) != 0)
+            throw std::runtime_error("listen failed");
+        port_ = ntohs(a.sin_port);
+    }
+    ~FrameListener() { ::close(fd_); }
+
+    int port() const { return port_; }
+    std::optional<FrameSocket> accept(std::chrono::milliseconds wait = patience())
+    {
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, int(wait.count())) <= 0)
+            return std::nullopt;
+        return FrameSocket(::accept(fd_, nullptr, nullptr));
+    }
+
+private:
+    int fd_;
+    int port_ = 0;
+};
+
+} // namespace zel::test

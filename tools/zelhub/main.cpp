@@ -1,0 +1,123 @@
+// zelhub: the hub that the library's clients connect to. It relays data
+// messages to their subscribers, requests to every other client and replies
+// back to the requester.
+//
+// One process, one thread, one epoll loop: nothing in the program locks, and
+// nothing needs to say which thread it runs on.
+//
+// This file: the command line and the signals that stop the hub.
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "server.h"
+#include "socket_address.h"
+
+namespace {
+
+void print_usage(FILE *to)
+{
+    std::fprintf(to, "usage: zelhub [--port N] [--bind ADDR] [--max-backlog BYTES] [--stats SECONDS]\n");
+}
+
+template <typename Number>
+bool parse_number(std::string_view text, Number lowest, Number highest, Number &out)
+{
+    Number value{};
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value < lowest || value > highest)
+        return false;
+    out = value;
+    return true;
+}
+
+bool is_address(const std::string &host)
+{
+    sockaddr_storage address;
+    socklen_t length;
+    return zelhub::parse_address(host, 0, address, length);
+}
+
+// Reads `--name value` or `--name=value` pairs into `options`; false for
+// anything it does not understand.
+bool parse_options(int argc, char **argv, zelhub::Options &options)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string_view arg = argv[i];
+        std::string_view name = arg, value;
+        if (auto equals = arg.find('='); equals != std::string_view::npos) {
+            name = arg.substr(0, equals);
+            value = arg.substr(equals + 1);
+        } else if (i + 1 < argc) {
+            value = argv[++i];
+        } else {
+            return false;
+        }
+        bool understood = false;
+        if (name == "--port")
+            understood = parse_number(value, 0, 65535, options.port);
+        else if (name == "--bind")
+            understood = is_address(options.bind = std::string(value));
+        else if (name == "--max-backlog")
+            understood = parse_number<int64_t>(value, 1, int64_t(1) << 50, options.max_backlog);
+        else if (name == "--stats")
+            understood = parse_number(value, 1, 1000000, options.stats_seconds);
+        if (!understood)
+            return false;
+    }
+    return true;
+}
+
+// SIGINT and SIGTERM arrive as events on the returned descriptor, so the loop
+// stops between two rounds and cleans up normally.
+int open_stop_signals()
+{
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    if (sigprocmask(SIG_BLOCK, &stop, nullptr) != 0)
+        return -1;
+    return signalfd(-1, &stop, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    zelhub::Options options;
+    if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h")) {
+        print_usage(stdout);
+        return 0;
+    }
+    if (!parse_options(argc, argv, options)) {
+        print_usage(stderr);
+        return 2;
+    }
+    // A client that vanishes mid-write must not end the hub (sends also pass
+    // MSG_NOSIGNAL), nor must a closed standard output.
+    signal(SIGPIPE, SIG_IGN);
+    int stop_fd = open_stop_signals();
+    if (stop_fd < 0) {
+        std::perror("zelhub: signals");
+        return 1;
+    }
+    int status = 0;
+    {
+        zelhub::Server server(options, stop_fd);
+        std::string error;
+        if (server.open(error))
+            server.run();
+        else {
+            std::fprintf(stderr, "zelhub: %s\n", error.c_str());
+            status = 1;
+        }
+    }
+    close(stop_fd);
+    return status;
+}

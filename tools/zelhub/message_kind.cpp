@@ -1,0 +1,24 @@
+#include "message_kind.h"
+
+namespace zelhub {
+
+MessageKind kind_of(const vartocb *m)
+{
+    if (has_field(m, name_tag)) {
+        std::string_view name = first_value(m, name_tag);
+        if (name == "set_device_aka")
+            return MessageKind::device_name;
+        if (name == "varto_heartbeat")
+            return MessageKind::heartbeat;
+        if (name == "subscribe")
+            return MessageKind::subscribe;
+        if (name == "unsubscribe")
+            return MessageKind::unsubscribe;
+    }
+    // A reply may carry a name as well; the reply field is what makes it one.
+    if (has_field(m, reply_tag))
+        return MessageKind::reply;
+    return has_field(m, name_tag) ? MessageKind::request : MessageKind::data;
+}
+
+} // namespace zelhub
