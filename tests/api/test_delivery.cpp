@@ -17,29 +17,12 @@
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
+#include "support/messages.h"
 
 namespace {
 
-using Fields = std::vector<std::pair<int, std::string>>;
-
-// One message in wire form, built by the library.
-std::string msg(const Fields &fields)
-{
-    int err = 0;
-    vartocb *m = nullptr;
-    scratchcb *out = nullptr;
-    zel_ctor_vartocb(&m, &err);
-    zel_open_scratch(&out, 64, &err);
-    zel_start_msg(m, out, &err);
-    for (const auto &[tag, value] : fields) {
-        sPChar v{value.empty() ? nullptr : const_cast<char *>(value.data()), int32_t(value.size())};
-        EXPECT_EQ(zel_add_data(m, tag, 1, &v, &err), 1);
-    }
-    std::string bytes(out->data, size_t(out->len));
-    zel_close_scratch(&out, &err);
-    zel_dtor_vartocb(&m, &err);
-    return bytes;
-}
+using zel::test::Fields;
+constexpr auto msg = zel::test::build_message;
 std::string msg5(const std::string &value) { return msg({{5, value}}); }
 
 // What a receiver was called with; `item` is the watch, or the request of a reply.
