@@ -18,6 +18,11 @@ void CVartoEngine::acknowledge_stop()
     }
 }
 
+bool CVartoEngine::worker_running() const
+{
+    return worker_ && !worker_->finished();
+}
+
 bool CVartoEngine::start_worker(CVartoWorker *worker)
 {
     try {

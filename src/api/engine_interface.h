@@ -63,6 +63,8 @@ public:
     // acknowledged by the worker once it has seen it. @locality any thread
     bool stop_requested() const { return stop_request_.load(std::memory_order_acquire) > 0; }
     void acknowledge_stop();
+    // Whether the worker's thread is still at work. @locality any thread
+    bool worker_running() const;
 
 protected:
     // Starts `worker` on its own thread, then waits, polling every 5 ms, until
