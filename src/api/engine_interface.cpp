@@ -52,8 +52,7 @@ void CVartoEngine::stop_worker()
 
 int CVartoWorker::reportStatus(int level, std::string text)
 {
-    CVartoEngine *owner = engine();
-    if (owner && owner->stop_requested()) {
+    if (stop_requested()) {
         loop_.post_quit();
         return 1;
     }
@@ -96,6 +95,12 @@ void CVartoWorker::end_first_attempt(ConnectionState state)
 CVartoEngine *CVartoWorker::engine() const
 {
     return monitor_ ? monitor_->engine() : nullptr;
+}
+
+bool CVartoWorker::stop_requested() const
+{
+    CVartoEngine *owner = engine();
+    return owner && owner->stop_requested();
 }
 
 void CVartoWorker::thread_main()

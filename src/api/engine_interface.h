@@ -134,6 +134,8 @@ public:
 
     // The engine whose stop request this worker obeys; null without monitor.
     CVartoEngine *engine() const;
+    // Whether that engine asks this worker to stop. @locality any thread
+    bool stop_requested() const;
 
 private:
     friend class CVartoEngine;

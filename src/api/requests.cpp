@@ -2,7 +2,6 @@
 #include "api/requests.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,10 +39,7 @@ bool append_field(scratchcb *message, int tag, const std::string &value, int *er
         *err = 2;
         return false;
     }
-    char *at = message->data + message->len;
-    wire::store_u16(at, uint16_t(tag));
-    wire::store_u32(at + 2, uint32_t(value.size()));
-    std::memcpy(at + ZEL_ITEM_HEADER_SIZE, value.data(), value.size());
+    wire::store_item(message->data + message->len, uint16_t(tag), value.data(), int32_t(value.size()));
     message->len += ZEL_ITEM_HEADER_SIZE + int32_t(value.size());
     wire::store_u32(message->data + 2, wire::load_u32(message->data + 2) + 1);
     return true;

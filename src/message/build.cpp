@@ -31,11 +31,7 @@ const char *follow_move(const char *p, const char *old_base, int64_t old_len, st
 void write_item(vartocb *m, int tag, const char *value, int32_t len)
 {
     scratchcb *b = m->build;
-    char *at = b->data + b->len;
-    wire::store_u16(at, uint16_t(tag));
-    wire::store_u32(at + 2, uint32_t(len));
-    if (len > 0)
-        std::memcpy(at + ZEL_ITEM_HEADER_SIZE, value, size_t(len));
+    wire::store_item(b->data + b->len, uint16_t(tag), value, len);
     b->len += ZEL_ITEM_HEADER_SIZE + len;
 }
 
@@ -152,8 +148,7 @@ int zel_start_msg(vartocb *m, scratchcb *out, int *err)
     m->item_count = 0;
     m->header_offset = out->len;
     m->count_offset = out->len + 2;
-    wire::store_u16(out->data + out->len, ZEL_MSG_MAGIC);
-    wire::store_u32(out->data + out->len + 2, 0);
+    wire::store_message_header(out->data + out->len, 0);
     out->len += ZEL_MSG_HEADER_SIZE;
     m->parsed = 0;
     m->msg_start = m->msg_end = 0;
@@ -190,11 +185,7 @@ int zel_add_data_pchar(sPChar *buf, int tag, sPChar *value, int *err)
         *err = -1;
         return 0;
     }
-    char *at = buf->data + buf->len;
-    wire::store_u16(at, uint16_t(tag));
-    wire::store_u32(at + 2, uint32_t(value->len));
-    if (value->len > 0)
-        std::memcpy(at + ZEL_ITEM_HEADER_SIZE, value->data, size_t(value->len));
+    wire::store_item(buf->data + buf->len, uint16_t(tag), value->data, value->len);
     buf->len = int32_t(grown);
     *err = 0;
     return 1;

@@ -33,6 +33,22 @@ inline void store_u32(char *p, uint32_t v)
     std::memcpy(p, &v, 4);
 }
 
+// Writes a message header announcing `count` items at `at`.
+inline void store_message_header(char *at, uint32_t count)
+{
+    store_u16(at, ZEL_MSG_MAGIC);
+    store_u32(at + 2, count);
+}
+
+// Writes one item (tag, length, value) at `at`, which has room for it.
+inline void store_item(char *at, uint16_t tag, const char *value, int32_t len)
+{
+    store_u16(at, tag);
+    store_u32(at + 2, uint32_t(len));
+    if (len > 0)
+        std::memcpy(at + ZEL_ITEM_HEADER_SIZE, value, size_t(len));
+}
+
 // Reads the message header at `pos` and steps past it. Detail 2 for a header
 // that runs past `end` or carries another magic.
 inline int read_header(const char *data, int64_t end, int64_t &pos, uint32_t &count)

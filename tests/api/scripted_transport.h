@@ -46,7 +46,7 @@ struct ScriptedWorker : CVartoWorker {
     {
         // A real worker notices the stop on its next receive pass; here the
         // wake that comes with it is enough.
-        for (int seen = wakes.load(); !engine()->stop_requested(); seen = wakes.load())
+        for (int seen = wakes.load(); !stop_requested(); seen = wakes.load())
             wakes.wait(seen);
     }
 };

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "message/wire.h"
+
 namespace zel::hub {
 
 constexpr int frame_header_size = 4;
@@ -64,19 +66,18 @@ Cut cut_frames(const char *bytes, int64_t size, OnFrame &&on_frame)
 // messages the hub's peers exchange (announce, heartbeat).
 inline std::string make_frame(std::initializer_list<std::pair<uint16_t, std::string_view>> fields)
 {
-    std::string frame(frame_header_size, '\0');
-    auto put = [&frame](const void *value, size_t size) { frame.append(static_cast<const char *>(value), size); };
-    uint16_t magic = 0x4242;
-    uint32_t count = uint32_t(fields.size());
-    put(&magic, 2);
-    put(&count, 4);
+    size_t size = frame_header_size + ZEL_MSG_HEADER_SIZE;
+    for (const auto &field : fields)
+        size += ZEL_ITEM_HEADER_SIZE + field.second.size();
+    std::string frame(size, '\0');
+    put_frame_length(frame.data(), uint32_t(size - frame_header_size));
+    char *at = frame.data() + frame_header_size;
+    wire::store_message_header(at, uint32_t(fields.size()));
+    at += ZEL_MSG_HEADER_SIZE;
     for (const auto &[tag, value] : fields) {
-        uint32_t length = uint32_t(value.size());
-        put(&tag, 2);
-        put(&length, 4);
-        put(value.data(), value.size());
+        wire::store_item(at, tag, value.data(), int32_t(value.size()));
+        at += ZEL_ITEM_HEADER_SIZE + value.size();
     }
-    put_frame_length(frame.data(), uint32_t(frame.size() - frame_header_size));
     return frame;
 }
 

@@ -128,7 +128,7 @@ bool CHubworker::connect_socket()
 bool CHubworker::wait_until_connected()
 {
     for (;;) {
-        if (stopping()) {
+        if (stop_requested()) {
             close_socket();
             return false;
         }
@@ -153,7 +153,7 @@ int CHubworker::receive()
     int passes = 0;
     int error = 0;
     for (;;) {
-        if (stopping())
+        if (stop_requested())
             return 0;
         bool writing = unsent_offset_ < unsent_.size();
         pollfd waits[2] = {{socket_, short(POLLIN | (writing ? POLLOUT : 0)), 0}, {sender_.wake_fd(), POLLIN, 0}};
@@ -189,10 +189,15 @@ bool CHubworker::read_available(int *error)
         return false;
     }
     received_used_ += size_t(n);
-    auto count = [](const char *, int32_t) {};
-    zel::hub::Cut cut = zel::hub::cut_frames(received_.data(), int64_t(received_used_), count);
-    if (cut.frames > 0)
-        post_frames();
+    int64_t payload = 0;
+    int32_t messages = 0;
+    auto measure = [&](const char *, int32_t length) {
+        payload += length;
+        messages += length > 0;
+    };
+    zel::hub::Cut cut = zel::hub::cut_frames(received_.data(), int64_t(received_used_), measure);
+    if (messages > 0)
+        post_frames(cut.consumed, payload);
     if (cut.broken) {
         *error = EPROTO;
         return false;
@@ -204,20 +209,12 @@ bool CHubworker::read_available(int *error)
     return true;
 }
 
-// Every complete frame of one read goes to the application thread in one
-// batch. Empty frames carry no message and are skipped.
-void CHubworker::post_frames()
+// The `framed` bytes of whole frames at the front of the buffer go to the
+// application thread in one batch of `payload` message bytes.
+// Empty frames carry no message and are skipped.
+void CHubworker::post_frames(int64_t framed, int64_t payload)
 {
     if (!settings_.window)
-        return;
-    int64_t payload = 0;
-    int32_t messages = 0;
-    auto measure = [&](const char *, int32_t length) {
-        payload += length;
-        messages += length > 0;
-    };
-    zel::hub::cut_frames(received_.data(), int64_t(received_used_), measure);
-    if (messages == 0)
         return;
     zel::wait_for_batch_room();
     auto batch = std::make_unique<zel::BatchBuffer>();
@@ -226,7 +223,7 @@ void CHubworker::post_frames()
         if (complete && length > 0)
             complete = batch->append(message, length, 1);
     };
-    zel::hub::cut_frames(received_.data(), int64_t(received_used_), append);
+    zel::hub::cut_frames(received_.data(), framed, append);
     if (complete)
         settings_.window->post_batch(batch.release());
 }
@@ -295,7 +292,7 @@ void CHubworker::timer_fired(unsigned id)
     if (id != reconnect_timer_id || !reconnect_timer_armed_)
         return;
     reconnect_timer_armed_ = false;
-    if (stopping()) {
+    if (stop_requested()) {
         engine()->acknowledge_stop();
         loop().post_quit();
         return;
@@ -319,12 +316,6 @@ void CHubworker::close_socket()
         ::close(socket_);
     socket_ = -1;
     closed_.store(1, std::memory_order_release);
-}
-
-bool CHubworker::stopping() const
-{
-    CVartoEngine *owner = engine();
-    return owner && owner->stop_requested();
 }
 
 // ---- Application side ---------------------------------------------------------

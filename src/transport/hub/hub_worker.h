@@ -58,10 +58,9 @@ private:
     bool wait_until_connected();
     void connection_lost(int error);
     bool read_available(int *error);
-    void post_frames();
+    void post_frames(int64_t framed, int64_t payload);
     bool flush(int *error);
     void close_socket();
-    bool stopping() const;
     void count_heartbeat_pass(int *passes);
 
     HubSettings settings_;
