@@ -50,14 +50,16 @@ StatusChange next_status(int current, std::string_view text)
 int CVartoSpy::report(int, std::string_view text)
 {
     zel::StatusChange change = zel::next_status(window_.status(), text);
-    window_.set_status(change.status);
-    if (change.notify)
-        window_.post_status_change();
     // Every report while connected binds every watch again, not only the
-    // first: that is how watches reach a connection made anew.
+    // first: that is how watches reach a connection made anew. They are
+    // bound before the status says connected, so nothing the application
+    // sends once it sees the connection up can overtake them.
     CVartoEngine *owner = engine();
     if (change.status == ZEL_STATUS_CONNECTED && owner)
         window_.for_each_watch_newest_first([owner](sWatchData &watch) { owner->rebind(watch); });
+    window_.set_status(change.status);
+    if (change.notify)
+        window_.post_status_change();
     return 1;
 }
 
