@@ -42,6 +42,16 @@ int zel_message_fd(void);
  * any thread that reports an alert; it must not throw. */
 void zel_set_alert_handler(void (*handler)(const char *text));
 
+/* The most bytes a connection may hold queued for sending that its transport
+ * has not yet written: once a send would pass it, sendMsg and addRqDontStore
+ * answer 0 with ZEL_DETAIL_SEND_QUEUE_FULL and nothing is queued; they
+ * succeed again as soon as the transport has written enough. (Watch requests
+ * are not counted: the watch table bounds them.)
+ * The memory a long queue took is given back once it has drained. Default
+ * 64 MiB (67108864); 0 restores the default. Process-wide, for every
+ * connection, from the next send on. Any thread. */
+void zel_set_send_queue_limit(uint64_t bytes);
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -57,6 +67,17 @@ enum {
     ZEL_STATUS_LOST = 4         /* the connection dropped while connected */
 };
 
+/* Details that CZelEngine operations write through `err` themselves, beside
+ * the ones their transport writes. */
+enum {
+    ZEL_DETAIL_NULL_ARGUMENT = 1,   /* a pointer the call needs is null */
+    ZEL_DETAIL_NOT_A_MESSAGE = 2,   /* not exactly one whole message: bad header, an
+                                       item running past the length, or bytes after it */
+    ZEL_DETAIL_BAD_INTERVAL = 10,   /* a heartbeat interval below 1 ms */
+    ZEL_DETAIL_NO_CONNECTION = 11,  /* create_connection has not succeeded on this object */
+    ZEL_DETAIL_SEND_QUEUE_FULL = 12 /* the send queue is at its bound (zel_set_send_queue_limit) */
+};
+
 /* What a receiver is called for. */
 enum {
     ZEL_KIND_SERVICE_REQUEST = 1,
@@ -68,8 +89,10 @@ enum {
  * watches; 1 messages handled; 2 service requests; 4 replies; 5 messages
  * walked against the watches; 7, 9 and 16 requests sent; 13 received bytes
  * (counted when a block arrives and again when it is dispatched); 14 the
- * worker's own counter; 15 messages parsed; 17 the largest batch dispatched.
- * The others stay 0 unless a transport sets them. */
+ * worker's own counter; 15 messages parsed; 17 the largest batch dispatched;
+ * 18 frames that were queued for a connection that dropped and were
+ * discarded unsent (the hub transport). The others stay 0 unless a transport
+ * sets them. */
 struct sZelMeters {
     uint64_t counters[21];
 };
@@ -148,11 +171,13 @@ class CIntRxWnd;
  * thread; pump that thread's queue (zel_pump_messages or zel_message_fd) to
  * receive messages and status changes.
  *
- * Results: 1 for success and 0 for failure. The trailing `int *err` is handed
- * to the transport, which may write a detail there; the facade never writes
- * it. Every operation but the constructor, the destructor,
- * getConnectionStatus, setConnectionListener and the fixed no-ops needs a
- * successful create_connection first.
+ * Results: 1 for success and 0 for failure. The trailing `int *err` receives
+ * a detail on failure: one of the ZEL_DETAIL_* codes above, or the
+ * transport's own. It may be null: the detail is then not reported. Every
+ * operation but the constructor, the destructor, getConnectionStatus,
+ * setConnectionListener and the fixed no-ops needs a successful
+ * create_connection first; without one it answers 0 with
+ * ZEL_DETAIL_NO_CONNECTION (enable_log and disable_log answer 0).
  *
  * Watch, service and request operations answer 0 while the connection is not
  * up (status ZEL_STATUS_CONNECTED). */
@@ -165,7 +190,10 @@ public:
     CZelEngine();
     /* Stops the connection: asks the worker to end, waits for its thread,
      * then frees the connection. Messages still queued for it are dropped.
-     * Call it on the connection's thread. */
+     * Call it on the connection's thread. It may be called from inside one of
+     * the connection's own receiver or listener calls: no further receiver of
+     * the connection is called, and the connection is stopped and freed as
+     * soon as that call has returned into the library. */
     ~CZelEngine();
     CZelEngine(const CZelEngine &) = delete;
     /* A shallow copy: both objects then share one connection, which must
@@ -192,7 +220,9 @@ public:
      * `receiver->processReply` once, with `context`. `*handle` receives the
      * request's handle, which processReply is given. The request number is
      * the receiver's address, so a receiver's replies complete its requests
-     * newest first. */
+     * newest first. Details: ZEL_DETAIL_NULL_ARGUMENT for a null `handle` or
+     * `request`, ZEL_DETAIL_NOT_A_MESSAGE when `request` is not one whole
+     * message with field 0, ZEL_DETAIL_SEND_QUEUE_FULL; nothing is sent then. */
     int addRqDontStore(void **handle, void *request, CZelReceiver *receiver, void *context, int *err);
 
     /* Watches for messages (without field 0) that carry every tag with its
@@ -202,7 +232,8 @@ public:
      * message however many of its watches match. The watch is kept with its
      * tags sorted and bound again after every reconnect. `*handle` receives
      * the watch (an sWatchData *). The four arguments after `context` are
-     * unused by the hub. */
+     * unused by the hub. A null `handle` answers 0 with
+     * ZEL_DETAIL_NULL_ARGUMENT before anything is sent. */
     int addWatch(void **handle, int *tags, sPChar *values, int count, void *receiver, void *context, bool option1,
                  long option2, bool option3, bool option4, int *err);
     /* Passed to the transport; always answers 0, whatever happened. */
@@ -215,7 +246,12 @@ public:
     int removeWatchesByReceiver(CZelReceiver *receiver);
     int removeAllWatches(int *err);
 
-    /* Sends the one message built in `message`. */
+    /* Sends the one message built in `message`. 1 means the message was
+     * handed to the transport, not that it arrived (see the README on what an
+     * outage loses). 0 while the connection is not up, and with a detail:
+     * ZEL_DETAIL_NOT_A_MESSAGE when `message` is not exactly one whole
+     * message, ZEL_DETAIL_SEND_QUEUE_FULL when the transport is that far
+     * behind; nothing is sent then. */
     int sendMsg(scratchcb *message, int *err);
 
     /* Offers a service: requests (messages whose field 0 is `name`) go to
@@ -226,14 +262,16 @@ public:
     int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err);
 
     /* Turns heartbeats on at `interval` (milliseconds; transports default to
-     * 50000) and keeps `listener`. */
+     * 50000) and keeps `listener`. An interval below 1 ms answers 0 with
+     * ZEL_DETAIL_BAD_INTERVAL and changes nothing. */
     int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err);
     /* Both answer 1 and do nothing; isHeartbeatEnabled leaves *enabled as
      * it is. */
     int disableHeartbeat(int *err);
     int isHeartbeatEnabled(bool *enabled, int *err);
 
-    /* Copies the connection's counters (see sZelMeters); reset zeroes them. */
+    /* Copies the connection's counters (see sZelMeters); reset zeroes them.
+     * A null `meters` answers 0 with ZEL_DETAIL_NULL_ARGUMENT. */
     int getMeters(sZelMeters *meters, int *err);
     int resetMeters(int *err);
 

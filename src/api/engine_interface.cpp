@@ -48,6 +48,25 @@ void CVartoEngine::stop_worker()
     worker_ = nullptr;
 }
 
+// ---- Sender ---------------------------------------------------------------
+
+namespace {
+
+constexpr uint64_t default_send_queue_limit = 64 * 1024 * 1024;
+std::atomic<uint64_t> send_queue_limit{default_send_queue_limit};
+
+} // namespace
+
+uint64_t CVartoSender::queue_limit()
+{
+    return send_queue_limit.load(std::memory_order_relaxed);
+}
+
+extern "C" void zel_set_send_queue_limit(uint64_t bytes)
+{
+    send_queue_limit.store(bytes ? bytes : default_send_queue_limit, std::memory_order_relaxed);
+}
+
 // ---- Worker ---------------------------------------------------------------
 
 int CVartoWorker::reportStatus(int level, std::string text)

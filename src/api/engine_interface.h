@@ -88,6 +88,10 @@ class CVartoSender {
 public:
     virtual ~CVartoSender() = default;
 
+    // The most bytes a connection may hold queued and not yet written
+    // (zel_set_send_queue_limit). @locality any thread
+    static uint64_t queue_limit();
+
 protected:
     std::recursive_mutex lock_;
 };

@@ -60,11 +60,18 @@ CZelEngine::CZelEngine() : engine(nullptr), window(nullptr), reserved(0)
 
 CZelEngine::~CZelEngine()
 {
-    // The engine goes first: its destructor stops the worker and waits for
-    // its thread, so nothing posts to the window once it is freed.
-    delete engine;
+    // Destroyed from inside one of its own callbacks: the window is still in
+    // use further up the stack, so it takes the engine and frees both once
+    // the dispatch has unwound.
+    if (window && window->dispatching()) {
+        window->destroy_after_dispatch(engine);
+    } else {
+        // The engine goes first: its destructor stops the worker and waits
+        // for its thread, so nothing posts to the window once it is freed.
+        delete engine;
+        delete window;
+    }
     engine = nullptr;
-    delete window;
     window = nullptr;
 }
 
@@ -94,64 +101,101 @@ int CZelEngine::create_connection(int port, std::string host, std::string type, 
     return 1;
 }
 
+namespace {
+
+// Answers 0 with `detail` in the caller's slot, if it gave one.
+int refuse(int *err, int detail)
+{
+    if (err)
+        *err = detail;
+    return 0;
+}
+
+// Hands `call` a detail slot that is never null (the caller's, or a local
+// one when it passed none) and answers 1 when the engine operation
+// succeeded; without an engine it answers 0 and calls nothing.
+template <typename Call>
+int forward(CVartoEngine *engine, int *err, Call &&call)
+{
+    if (!engine)
+        return refuse(err, ZEL_DETAIL_NO_CONNECTION);
+    int unread = 0;
+    return call(err ? err : &unread) ? 1 : 0;
+}
+
+} // namespace
+
 int CZelEngine::addRqDontStore(void **handle, void *request, CZelReceiver *receiver, void *context, int *err)
 {
-    return engine->addRqDontStore(handle, request, receiver, context, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) {
+        if (!handle)
+            return refuse(detail, ZEL_DETAIL_NULL_ARGUMENT);
+        return engine->addRqDontStore(handle, request, receiver, context, detail);
+    });
 }
 
 int CZelEngine::addWatch(void **handle, int *tags, sPChar *values, int count, void *receiver, void *context,
                          bool option1, long option2, bool option3, bool option4, int *err)
 {
-    return engine->addWatch(handle, tags, values, count, receiver, context, option1, option2, option3, option4, err)
-               ? 1
-               : 0;
+    return forward(engine, err, [&](int *detail) {
+        if (!handle)
+            return refuse(detail, ZEL_DETAIL_NULL_ARGUMENT);
+        return engine->addWatch(handle, tags, values, count, receiver, context, option1, option2, option3, option4,
+                                detail);
+    });
 }
 
 int CZelEngine::RemoveWatch(const int *tags, sPChar *values, int count)
 {
     // Answers 0 whatever happened; callers never read success from it.
-    engine->RemoveWatch(tags, values, count);
+    if (engine)
+        engine->RemoveWatch(tags, values, count);
     return 0;
 }
 
 int CZelEngine::removeWatch(void *handle, int *err)
 {
-    return engine->removeWatch(handle, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->removeWatch(handle, detail); });
 }
 
 int CZelEngine::removeWatchesByContext(void *context)
 {
-    return engine->removeWatchesByContext(context) ? 1 : 0;
+    return forward(engine, nullptr, [&](int *) { return engine->removeWatchesByContext(context); });
 }
 
 int CZelEngine::removeWatchesByReceiver(CZelReceiver *receiver)
 {
-    return engine->removeWatchesByReceiver(receiver) ? 1 : 0;
+    return forward(engine, nullptr, [&](int *) { return engine->removeWatchesByReceiver(receiver); });
 }
 
 int CZelEngine::removeAllWatches(int *err)
 {
-    return engine->removeAllWatches(err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->removeAllWatches(detail); });
 }
 
 int CZelEngine::sendMsg(scratchcb *message, int *err)
 {
-    return engine->sendMsg(message, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->sendMsg(message, detail); });
 }
 
 int CZelEngine::registerSrvc(const sPChar *name, void *handler, int option, int *err)
 {
-    return engine->registerSrvc(name, handler, option, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->registerSrvc(name, handler, option, detail); });
 }
 
 int CZelEngine::RegisterSrvc(std::string name, CZelReceiver *receiver, int *err)
 {
-    return engine->RegisterSrvc(std::move(name), receiver, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->RegisterSrvc(std::move(name), receiver, detail); });
 }
 
 int CZelEngine::enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err)
 {
-    return engine->enableHeartbeat(listener, interval, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) {
+        // Below 1 ms a transport would beat on every pass of its loop.
+        if (interval < 1)
+            return refuse(detail, ZEL_DETAIL_BAD_INTERVAL);
+        return engine->enableHeartbeat(listener, interval, detail);
+    });
 }
 
 int CZelEngine::disableHeartbeat(int *)
@@ -166,12 +210,16 @@ int CZelEngine::isHeartbeatEnabled(bool *, int *)
 
 int CZelEngine::getMeters(sZelMeters *meters, int *err)
 {
-    return engine->getMeters(meters, err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) {
+        if (!meters)
+            return refuse(detail, ZEL_DETAIL_NULL_ARGUMENT);
+        return engine->getMeters(meters, detail);
+    });
 }
 
 int CZelEngine::resetMeters(int *err)
 {
-    return engine->resetMeters(err) ? 1 : 0;
+    return forward(engine, err, [&](int *detail) { return engine->resetMeters(detail); });
 }
 
 int CZelEngine::removeAllRqs(int *err)
@@ -202,25 +250,32 @@ int CZelEngine::addVersion(const sPChar *, const sPChar *, int *)
 
 int CZelEngine::closeChannel(int *err)
 {
-    engine->closeChannel(err);
-    return 1;
+    // Answers 1 whatever the transport did.
+    return forward(engine, err, [&](int *detail) {
+        engine->closeChannel(detail);
+        return 1;
+    });
 }
 
 int CZelEngine::enable_log(FILE *file, std::string path)
 {
+    if (!engine)
+        return 0;
     engine->enable_log(file, std::move(path));
     return 1;
 }
 
 int CZelEngine::disable_log(FILE *file, std::string path)
 {
+    if (!engine)
+        return 0;
     engine->disable_log(file, std::move(path));
     return 1;
 }
 
 void CZelEngine::getConnectionStatus(int *status, int *)
 {
-    if (window)
+    if (window && status)
         *status = window->status();
 }
 

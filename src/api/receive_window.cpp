@@ -12,6 +12,7 @@
 
 #include "api/alert.h"
 #include "api/batch_buffer.h"
+#include "api/engine_interface.h"
 
 namespace {
 
@@ -203,6 +204,26 @@ void CIntRxWnd::handle(uint32_t message, uintptr_t wparam, intptr_t lparam)
 {
     if (wparam != message)
         return;
+    // A callback below may destroy the facade: the window then outlives it
+    // until this, the outermost call, is done with its members.
+    ++handling_depth_;
+    handle_message(message, lparam);
+    if (--handling_depth_ > 0 || !orphaned_)
+        return;
+    delete orphaned_engine_;
+    delete this;
+}
+
+void CIntRxWnd::destroy_after_dispatch(CVartoEngine *engine)
+{
+    orphaned_ = true;
+    orphaned_engine_ = engine;
+    owner_ = nullptr;
+    listener_ = nullptr;
+}
+
+void CIntRxWnd::handle_message(uint32_t message, intptr_t lparam)
+{
     if (message == on_status()) {
         int err = 0;
         if (listener_)
@@ -212,6 +233,10 @@ void CIntRxWnd::handle(uint32_t message, uintptr_t wparam, intptr_t lparam)
     if (message != on_msg() && message != unknown_req())
         return;
     auto *batch = reinterpret_cast<zel::BatchBuffer *>(lparam);
+    if (orphaned_) {
+        delete batch;
+        return;
+    }
     bool locked = message == on_msg();
     if (locked)
         batch->take();
@@ -236,6 +261,8 @@ void CIntRxWnd::dispatch(const char *bytes, int32_t len, int32_t expected)
          ok = zel_parse_next_msg(block.get(), nullptr, &err)) {
         ++handled;
         dispatch_one(block.get());
+        if (orphaned_)
+            return;
     }
     count(messages_handled, uint64_t(handled));
     // Detail 6 is the clean end of the batch; anything else means bytes that
@@ -315,6 +342,8 @@ void CIntRxWnd::match_watches(vartocb *msg)
             continue;
         int err = 0;
         call_receiver([&] { receiver->processMsg(msg, ZEL_KIND_WATCH_MATCH, watch, watch->context, &err); });
+        if (orphaned_)
+            break;
     }
     if (--dispatch_depth_ == 0)
         compact_watches();

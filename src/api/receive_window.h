@@ -47,6 +47,13 @@ public:
 
     // ---- Application thread ------------------------------------------------
     void handle(uint32_t message, uintptr_t wparam, intptr_t lparam) override;
+    // Whether a message for this window is being handled further up the
+    // stack, so that a receiver or listener is running.
+    bool dispatching() const { return handling_depth_ > 0; }
+    // The facade is being destroyed from inside one of this window's
+    // callbacks: no further callback runs, and once the outermost handle()
+    // returns the window deletes `engine` (stopping its worker) and itself.
+    void destroy_after_dispatch(CVartoEngine *engine);
     // Parses `len` bytes holding `expected` whole messages and hands each to
     // its service, reply or watches. Raises one alert when fewer messages
     // could be parsed than expected.
@@ -95,6 +102,7 @@ public:
     uint32_t delivered() const { return delivered_; }
 
 private:
+    void handle_message(uint32_t message, intptr_t lparam);
     void dispatch_one(vartocb *msg);
     void complete_reply(vartocb *msg);
     void serve_request(vartocb *msg);
@@ -118,5 +126,8 @@ private:
     std::vector<sAddWatchData *> pending_;
     std::list<std::string> service_names_;       // the service table's keys
     bool parsing_ = false;                        // parsed_ is in use
+    int handling_depth_ = 0;                      // calls of handle() on the stack
+    bool orphaned_ = false;                       // the facade is gone: call nobody
+    CVartoEngine *orphaned_engine_ = nullptr;     // freed with the window
     uint32_t delivered_ = 0;
 };

@@ -86,14 +86,15 @@ std::unique_ptr<sAddWatchData> prepare_request(scratchcb *request, CZelReceiver 
                                                vartocb *parser, int *err)
 {
     if (!request) {
-        *err = 1;
+        *err = ZEL_DETAIL_NULL_ARGUMENT;
         return nullptr;
     }
     uint64_t number = request_number(receiver);
     int count = 0;
-    if (!append_field(request, request_number_tag, std::to_string(number), err) ||
+    if (!wire::holds_one_message(request->data, request->len) ||
+        !append_field(request, request_number_tag, std::to_string(number), err) ||
         !zel_parse_msg(parser, request, err) || !zel_get_field(parser, service_name_tag, &count, err) || count < 1) {
-        *err = 2;
+        *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return nullptr;
     }
     return std::make_unique<sAddWatchData>(sAddWatchData{number, receiver, context});

@@ -84,4 +84,18 @@ int walk_items(char *data, int64_t end, int64_t &pos, uint32_t count, Visit &&vi
     return 0;
 }
 
+// Whether `data` holds exactly one whole message: a header, every item it
+// announces within `len`, and no byte after the last. A peer parses what is
+// sent as such; anything else would break the stream for every message
+// behind it.
+inline bool holds_one_message(const char *data, int64_t len)
+{
+    int64_t pos = 0;
+    uint32_t count = 0;
+    if (!data || read_header(data, len, pos, count) != 0)
+        return false;
+    auto accept = [](uint16_t, char *, int32_t) { return 0; };
+    return walk_items(const_cast<char *>(data), len, pos, count, accept) == 0 && pos == len;
+}
+
 } // namespace zel::wire

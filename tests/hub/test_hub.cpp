@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "api/receive_window.h"
@@ -80,7 +81,8 @@ struct StatusLog : CZelListener {
 
 // One application's connection to the hub.
 struct Client {
-    CZelEngine engine;
+    std::unique_ptr<CZelEngine> owned = std::make_unique<CZelEngine>();
+    CZelEngine &engine = *owned;
     StatusLog statuses;
     int err = 0;
 
@@ -252,6 +254,90 @@ TEST_F(Hub, AKilledHubIsLostThenRecoveringAndARestartedOneGetsTheWatchesBack)
     ASSERT_TRUE(pump_until([&] { return prices.saw("5 1 again "); }));
     EXPECT_EQ(subscriber.statuses.seen.size(), 4u); // retries while down told nobody
     EXPECT_EQ(subscriber.statuses.seen.back(), ZEL_STATUS_CONNECTED);
+}
+
+TEST_F(Hub, ABrokenRecordIsRefusedAndTheConnectionLivesOn)
+{
+    Client subscriber(hub.port(), "subscriber"), publisher(hub.port(), "publisher");
+    Sync sync;
+    sync.arm(subscriber);
+    std::string whole = build_message({{60000, "x"}, {5, "value"}});
+    for (std::string bytes : {whole.substr(0, whole.size() - 1), whole + '\0', std::string("not a message")}) {
+        scratchcb record{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()), bytes.data()};
+        int err = 0;
+        EXPECT_EQ(publisher.engine.sendMsg(&record, &err), 0);
+        EXPECT_EQ(err, ZEL_DETAIL_NOT_A_MESSAGE);
+    }
+    sync.round_trip(subscriber);
+    EXPECT_EQ(sync.messages.size(), 1u); // nothing of the broken ones arrived
+    EXPECT_EQ(publisher.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
+}
+
+// Destroys its connection from inside the first call it gets.
+struct Destroyer : Recorder {
+    CZelEngine *engine = nullptr;
+    int processMsg(vartocb *msg, int kind, sWatchData *watch, void *context, int *err) override
+    {
+        Recorder::processMsg(msg, kind, watch, context, err);
+        delete std::exchange(engine, nullptr);
+        return 1;
+    }
+};
+
+TEST_F(Hub, AConnectionDestroyedFromItsOwnReceiverCallsNobodyAfterwards)
+{
+    Client publisher(hub.port(), "publisher"), subscriber(hub.port(), "subscriber");
+    Destroyer destroyer;
+    Recorder older;
+    Sync sync;
+    sync.arm(subscriber);
+    subscriber.watch({5}, {""}, &older);
+    subscriber.watch({5}, {""}, &destroyer); // newest: called first
+    sync.round_trip(subscriber);
+    destroyer.engine = subscriber.owned.release();
+    for (int i = 0; i < 3; ++i)
+        publisher.send({{5, std::to_string(i)}});
+    ASSERT_TRUE(pump_until([&] { return !destroyer.engine; }));
+    publisher.send({{5, "later"}});
+    Sync publisher_sync;
+    publisher_sync.arm(publisher);
+    publisher_sync.round_trip(publisher);
+    zel_pump_messages(0);
+    EXPECT_EQ(destroyer.messages, std::vector<std::string>{"5 1 0 "});
+    EXPECT_TRUE(older.messages.empty());
+}
+
+TEST_F(Hub, AFrozenHubFillsTheSendQueueToItsBoundAndWhatALostConnectionHeldIsCounted)
+{
+    Client subscriber(hub.port(), "subscriber"), publisher(hub.port(), "publisher");
+    Sync sync;
+    sync.arm(subscriber);
+    sync.round_trip(subscriber);
+    const int limit = 1 << 20;
+    zel_set_send_queue_limit(limit);
+    const Fields big = {{7, std::string(1000, 'x')}};
+    const int frame_size = 4 + 6 + 6 + 1000;
+    auto fill = [&] {
+        int sent = 0;
+        while (publisher.send(big) == 1)
+            ++sent;
+        EXPECT_EQ(publisher.err, ZEL_DETAIL_SEND_QUEUE_FULL);
+        return sent;
+    };
+
+    ::kill(hub.pid(), SIGSTOP);
+    EXPECT_GT(fill(), limit / frame_size); // the socket buffers took some, the queue the rest
+    ::kill(hub.pid(), SIGCONT);
+    sync.round_trip(subscriber); // the hub is reading again
+    ASSERT_TRUE(pump_until([&] { return publisher.send(big) == 1; }));
+
+    ::kill(hub.pid(), SIGSTOP);
+    fill();
+    hub.restart();
+    ASSERT_TRUE(pump_until([&] { return publisher.status() == ZEL_STATUS_CONNECTED; }));
+    EXPECT_GE(publisher.meters().counters[18], uint64_t(limit / frame_size)); // discarded unsent
+    EXPECT_EQ(publisher.send(big), 1);
+    zel_set_send_queue_limit(0);
 }
 
 // ---- Against in-test hubs ------------------------------------------------------

@@ -10,12 +10,17 @@
 namespace {
 
 // Counters of the meters an engine keeps, by position.
-enum Meter { requests_sent_a = 7, requests_sent_b = 9, worker_counter = 14, requests_sent_c = 16 };
+enum Meter {
+    requests_sent_a = 7,
+    requests_sent_b = 9,
+    worker_counter = 14,
+    requests_sent_c = 16,
+    discarded_frames = 18
+};
 
 bool holds_one_message(const scratchcb *message)
 {
-    return message && message->data && message->len >= ZEL_MSG_HEADER_SIZE &&
-           zel::wire::load_u16(message->data) == ZEL_MSG_MAGIC;
+    return message && zel::wire::holds_one_message(message->data, message->len);
 }
 
 } // namespace
@@ -67,10 +72,15 @@ int CHubEngine::sendMsg(scratchcb *message, int *err)
     if (!connected())
         return 0;
     if (!holds_one_message(message)) {
-        *err = 2;
+        *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return 0;
     }
-    worker_->send(message->data, message->len);
+    // A socket found closed is reported by the worker, and answered 1 all
+    // the same: what sendMsg's 1 promises is a hand-over, not a delivery.
+    if (worker_->send(message->data, message->len) == CHubworker::SendResult::queue_full) {
+        *err = ZEL_DETAIL_SEND_QUEUE_FULL;
+        return 0;
+    }
     return 1;
 }
 
@@ -84,8 +94,15 @@ int CHubEngine::addRqDontStore(void **request, void *message, CZelReceiver *rece
         return 0;
     for (int counter : {requests_sent_a, requests_sent_b, requests_sent_c})
         window()->count(counter);
-    if (worker_->send(built->data, built->len) != 0)
+    switch (worker_->send(built->data, built->len)) {
+    case CHubworker::SendResult::queued:
+        break;
+    case CHubworker::SendResult::queue_full:
+        *err = ZEL_DETAIL_SEND_QUEUE_FULL;
         return 0;
+    case CHubworker::SendResult::not_open:
+        return 0;
+    }
     *err = 0;
     *request = pending.get();
     window()->add_pending(pending.release());
@@ -205,6 +222,7 @@ int CHubEngine::getMeters(sZelMeters *meters, int *)
 {
     window()->read_meters(meters);
     meters->counters[worker_counter] = worker_ ? worker_->sent_bytes() : 0;
+    meters->counters[discarded_frames] = worker_ ? worker_->discarded_frames() : 0;
     return 1;
 }
 
@@ -212,7 +230,7 @@ int CHubEngine::resetMeters(int *)
 {
     window()->reset_meters();
     if (worker_)
-        worker_->reset_sent_bytes();
+        worker_->reset_counters();
     return 1;
 }
 

@@ -4,9 +4,24 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <limits>
 
 #include "transport/hub/framing.h"
+
+namespace {
+
+constexpr uint64_t unbounded = std::numeric_limits<uint64_t>::max();
+constexpr size_t kept_buffer_capacity = 1024 * 1024;
+
+} // namespace
+
+void zel::hub::clear_send_buffer(std::string &buffer)
+{
+    if (buffer.capacity() > kept_buffer_capacity)
+        std::string().swap(buffer);
+    else
+        buffer.clear();
+}
 
 CHubSender::CHubSender() : wake_fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
@@ -16,23 +31,41 @@ CHubSender::~CHubSender()
         ::close(wake_fd_);
 }
 
+bool CHubSender::queue_bounded_message(std::string_view message)
+{
+    return queue_framed(message, queue_limit());
+}
+
 void CHubSender::queue_message(std::string_view message)
 {
-    char header[zel::hub::frame_header_size];
-    zel::hub::put_frame_length(header, uint32_t(message.size()));
-    queue({std::string_view(header, sizeof header), message});
+    queue_framed(message, unbounded);
 }
 
 void CHubSender::queue_frame(std::string_view frame)
 {
-    queue({frame});
+    queue({frame}, unbounded);
 }
 
-void CHubSender::queue(std::initializer_list<std::string_view> parts)
+bool CHubSender::queue_framed(std::string_view message, uint64_t limit)
 {
+    char header[zel::hub::frame_header_size];
+    zel::hub::put_frame_length(header, uint32_t(message.size()));
+    return queue({std::string_view(header, sizeof header), message}, limit);
+}
+
+bool CHubSender::queue(std::initializer_list<std::string_view> parts, uint64_t limit)
+{
+    uint64_t size = 0;
+    for (std::string_view part : parts)
+        size += part.size();
     bool was_empty;
     {
         std::lock_guard<std::recursive_mutex> guard(lock_);
+        // The worker lowers the count without the lock: at worst this sees
+        // a higher count than there is and refuses a little early.
+        if (unwritten_.load(std::memory_order_relaxed) + size > limit)
+            return false;
+        unwritten_.fetch_add(size, std::memory_order_relaxed);
         was_empty = queued_.empty();
         for (std::string_view part : parts)
             queued_.append(part);
@@ -41,12 +74,16 @@ void CHubSender::queue(std::initializer_list<std::string_view> parts)
     // drains the wakes before it takes the queue.
     if (was_empty)
         wake();
+    return true;
 }
 
-void CHubSender::attach()
+std::string CHubSender::discard_queued()
 {
+    std::string discarded;
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    queued_.clear();
+    discarded.swap(queued_);
+    unwritten_.store(0, std::memory_order_relaxed);
+    return discarded;
 }
 
 void CHubSender::take_queued(std::string &out)
@@ -56,7 +93,12 @@ void CHubSender::take_queued(std::string &out)
         out.swap(queued_);
     else
         out.append(queued_);
-    queued_.clear();
+    zel::hub::clear_send_buffer(queued_);
+}
+
+void CHubSender::written(size_t bytes)
+{
+    unwritten_.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
 void CHubSender::wake()

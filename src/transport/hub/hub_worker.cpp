@@ -74,9 +74,7 @@ int CHubworker::serve()
     }
     // The announce goes first on every connection; what an earlier
     // connection left queued is dropped.
-    sender_.attach();
-    unsent_.clear();
-    unsent_offset_ = 0;
+    discard_unsent();
     received_used_ = 0;
     std::string name = settings_.window ? settings_.window->instance_text() : std::string();
     sender_.queue_frame(zel::hub::make_frame({{0, "set_device_aka"}, {10002, name}}));
@@ -232,7 +230,7 @@ void CHubworker::post_frames(int64_t framed, int64_t payload)
 bool CHubworker::flush(int *error)
 {
     if (unsent_offset_ == unsent_.size()) {
-        unsent_.clear();
+        zel::hub::clear_send_buffer(unsent_);
         unsent_offset_ = 0;
     }
     sender_.take_queued(unsent_);
@@ -245,8 +243,34 @@ bool CHubworker::flush(int *error)
             return false;
         }
         unsent_offset_ += size_t(n);
+        sender_.written(size_t(n));
     }
     return true;
+}
+
+// What the last connection left queued or half written is gone with it (the
+// watches are bound again on the new one). Counted and reported, so that an
+// application can see what an outage cost. @locality worker thread
+void CHubworker::discard_unsent()
+{
+    std::string queued = sender_.discard_queued();
+    int64_t frames = 0;
+    auto count_unwritten = [&frames](const std::string &bytes, size_t written) {
+        auto one = [&](const char *message, int32_t length) {
+            frames += size_t(message + length - bytes.data()) > written;
+        };
+        zel::hub::cut_frames(bytes.data(), int64_t(bytes.size()), one);
+    };
+    count_unwritten(unsent_, unsent_offset_);
+    count_unwritten(queued, 0);
+    size_t bytes = unsent_.size() - unsent_offset_ + queued.size();
+    zel::hub::clear_send_buffer(unsent_);
+    unsent_offset_ = 0;
+    if (frames == 0)
+        return;
+    discarded_frames_.fetch_add(uint64_t(frames), std::memory_order_relaxed);
+    reportStatus(1, "discarded " + std::to_string(frames) + " unsent frames (" + std::to_string(bytes) +
+                        " bytes) of the lost connection");
 }
 
 void CHubworker::count_heartbeat_pass(int *passes)
@@ -326,15 +350,16 @@ int CHubworker::wake()
     return 1;
 }
 
-int CHubworker::send(const char *message, int32_t length)
+CHubworker::SendResult CHubworker::send(const char *message, int32_t length)
 {
     if (closed_.load(std::memory_order_acquire)) {
         reportStatus(1, "connection not open");
-        return 1;
+        return SendResult::not_open;
     }
-    sender_.queue_message(std::string_view(message, size_t(length)));
+    if (!sender_.queue_bounded_message(std::string_view(message, size_t(length))))
+        return SendResult::queue_full;
     sent_bytes_.fetch_add(uint64_t(length), std::memory_order_relaxed);
-    return 0;
+    return SendResult::queued;
 }
 
 void CHubworker::send_watch_request(const std::string &request)

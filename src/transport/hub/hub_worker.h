@@ -36,17 +36,24 @@ public:
 
     // ---- Any thread ----------------------------------------------------------
     int wake() override;
+    enum class SendResult { queued, not_open, queue_full };
     // The plain send path: queues one message unless no connection is open,
-    // in which case it reports "connection not open" and drops it. Answers 0
-    // when the message was queued (the closed flag).
-    int send(const char *message, int32_t length);
+    // in which case it reports "connection not open" and drops it, or the
+    // send queue is at its bound.
+    SendResult send(const char *message, int32_t length);
     // Subscribe and unsubscribe requests are queued whatever the state; a
     // new connection gets every watch again anyway.
     void send_watch_request(const std::string &request);
 
     void enable_heartbeat(long interval_ms);
     uint64_t sent_bytes() const { return sent_bytes_.load(std::memory_order_relaxed); }
-    void reset_sent_bytes() { sent_bytes_.store(0, std::memory_order_relaxed); }
+    // Frames discarded unsent because their connection dropped.
+    uint64_t discarded_frames() const { return discarded_frames_.load(std::memory_order_relaxed); }
+    void reset_counters()
+    {
+        sent_bytes_.store(0, std::memory_order_relaxed);
+        discarded_frames_.store(0, std::memory_order_relaxed);
+    }
 
     // The worker's log: its status reports, one line each. @locality application thread
     void open_log(const std::string &path);
@@ -61,6 +68,7 @@ private:
     void post_frames(int64_t framed, int64_t payload);
     bool flush(int *error);
     void close_socket();
+    void discard_unsent();
     void count_heartbeat_pass(int *passes);
 
     HubSettings settings_;
@@ -77,6 +85,7 @@ private:
     std::string unsent_;           // taken from the sender, not yet written
     size_t unsent_offset_ = 0;
     std::atomic<uint64_t> sent_bytes_{0};
+    std::atomic<uint64_t> discarded_frames_{0};
     const std::string heartbeat_frame_;
     std::mutex log_lock_;
     FILE *log_ = nullptr;          // guarded by log_lock_
