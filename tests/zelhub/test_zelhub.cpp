@@ -1,7 +1,8 @@
 // The hub server, tested from the outside: raw clients on loopback sockets
 // exchange frames through a real zelhub. Routing (subscriptions, requests,
-// replies), clients dropped alone for garbage or for falling behind, no leak
-// over many connections, and the process's exit statuses.
+// replies), clients dropped alone for garbage, oversized frames or for falling
+// behind, the bound on unanswered requests, no leak over many connections,
+// and the process's exit statuses.
 //
 // A client never waits for something to NOT arrive: each one subscribes to its
 // own fence message, and a fence sent after the message under test must be the
@@ -264,6 +265,34 @@ TEST_F(Routing, ReplyNumbersAreTriedFromTheLast)
     expect_nothing_more(a, c);
 }
 
+TEST(Requests, OverTheBoundAClientsOldestIsForgottenAndRepliesGoOldestFirst)
+{
+    ZelhubProcess hub({"--max-pending", "3"});
+    HubClient a{hub.port()}, b{hub.port()}, responder{hub.port()};
+    auto ask = [&](HubClient &asker, HubClient &bystander, const std::string &number) {
+        std::string request = named("service", {{32760, number}});
+        asker.send(request);
+        EXPECT_EQ(bystander.receive(), request);
+        EXPECT_EQ(responder.receive(), request);
+    };
+    ask(a, b, "1"); // a's oldest: forgotten when a asks its fourth
+    ask(b, a, "7");
+    for (int i = 0; i < 3; ++i)
+        ask(a, b, "7");
+
+    auto reply = [](const std::string &number, const std::string &text) {
+        return message({{32760, number}, {32767, ""}, {8, text}});
+    };
+    responder.send(reply("1", "to nobody"));
+    for (const char *text : {"1st", "2nd", "3rd", "4th"})
+        responder.send(reply("7", text));
+    EXPECT_EQ(b.receive(), reply("7", "1st"));
+    for (const char *text : {"2nd", "3rd", "4th"})
+        EXPECT_EQ(a.receive(), reply("7", text));
+    expect_nothing_more(responder, a);
+    expect_nothing_more(responder, b);
+}
+
 // ---- Clients dropped alone ------------------------------------------------------
 
 std::string length_only(uint32_t length)
@@ -298,6 +327,44 @@ TEST(Faults, ClientSendingGarbageIsDroppedAlone)
     }
 }
 
+TEST(Faults, FrameOverTheMaximumIsRefusedAtItsLengthAndOneAtItPasses)
+{
+    constexpr uint32_t max_frame = 1 << 20;
+    ZelhubProcess hub({"--max-frame", std::to_string(max_frame)});
+    HubClient a{hub.port()}, b{hub.port()}, big{hub.port()};
+    b.subscribe({{5, "x"}});
+    b.sync();
+    std::string padded = message({{5, "x"}, {6, "p"}});
+    std::string at_max = message({{5, "x"}, {6, std::string(max_frame - frame(padded).size() + 1, 'p')}});
+    ASSERT_EQ(frame(at_max).size(), max_frame);
+    big.send(at_max);
+    EXPECT_EQ(b.receive(), at_max);
+
+    big.send_raw(length_only(max_frame - zel::hub::frame_header_size + 1)); // its body never comes
+    EXPECT_TRUE(big.closed_by_hub());
+    std::string data = message({{5, "x"}});
+    a.send(data);
+    EXPECT_EQ(b.receive(), data);
+}
+
+// Publishes `data` in steps, which `reader` keeps up with, until the hub
+// holds one descriptor fewer than `descriptors`. Kernel buffers take some
+// megabytes of what stalled subscribers are owed first.
+bool publish_until_one_is_dropped(ZelhubProcess &hub, int descriptors, HubClient &publisher, HubClient &reader,
+                                  const std::string &data)
+{
+    for (int step = 0; step < 256; ++step) {
+        for (int i = 0; i < 16; ++i)
+            publisher.send(data);
+        for (int i = 0; i < 16; ++i)
+            if (reader.receive() != data)
+                return false;
+        if (open_descriptors(hub.pid()) == descriptors - 1)
+            return true;
+    }
+    return false;
+}
+
 TEST(Faults, StalledSubscriberIsDroppedAloneAtTheBacklogBound)
 {
     ZelhubProcess hub({"--max-backlog", "1048576"});
@@ -306,22 +373,30 @@ TEST(Faults, StalledSubscriberIsDroppedAloneAtTheBacklogBound)
         subscriber->subscribe({{5, "x"}});
         subscriber->sync();
     }
-    int descriptors = open_descriptors(hub.pid());
     std::string data = message({{5, "x"}, {6, std::string(16384, 'd')}});
-    // The reader keeps up; the stalled one never reads. Kernel buffers take
-    // some megabytes first, so publish in steps until the hub lets it go.
-    bool dropped = false;
-    for (int step = 0; step < 256 && !dropped; ++step) {
-        for (int i = 0; i < 16; ++i)
-            publisher.send(data);
-        for (int i = 0; i < 16; ++i)
-            ASSERT_EQ(reader.receive(), data);
-        dropped = open_descriptors(hub.pid()) == descriptors - 1;
-    }
-    ASSERT_TRUE(dropped);
+    ASSERT_TRUE(publish_until_one_is_dropped(hub, open_descriptors(hub.pid()), publisher, reader, data));
     publisher.send(data);
     EXPECT_EQ(reader.receive(), data);
     EXPECT_TRUE(stalled.closed_by_hub());
+}
+
+TEST(Faults, OverTheBoundOnAllBacklogsTheClientOwedMostIsDroppedFirst)
+{
+    ZelhubProcess hub({"--max-total-backlog", "4194304", "--max-backlog", "16777216"});
+    HubClient publisher{hub.port()}, reader{hub.port()}, most{hub.port(), 4096}, less{hub.port(), 4096};
+    most.subscribe({{5, "y"}});
+    for (HubClient *subscriber : {&reader, &most, &less}) {
+        subscriber->subscribe({{5, "x"}});
+        subscriber->sync();
+    }
+    const std::string padding(16384, 'd');
+    for (int i = 0; i < 64; ++i) // puts `most` a megabyte ahead
+        publisher.send(message({{5, "y"}, {6, padding}}));
+    std::string data = message({{5, "x"}, {6, padding}});
+    ASSERT_TRUE(publish_until_one_is_dropped(hub, open_descriptors(hub.pid()), publisher, reader, data));
+    EXPECT_TRUE(most.closed_by_hub());
+    publisher.send(data);
+    EXPECT_EQ(reader.receive(), data);
 }
 
 // ---- Resources and the process ------------------------------------------------------
@@ -403,6 +478,8 @@ TEST(Process, BadOptionsExitWithStatusTwo)
     EXPECT_EQ(exit_status({"--port", "http"}), 2);
     EXPECT_EQ(exit_status({"--port", "70000"}), 2);
     EXPECT_EQ(exit_status({"--max-backlog", "0"}), 2);
+    EXPECT_EQ(exit_status({"--max-frame", "1073741824"}), 2);
+    EXPECT_EQ(exit_status({"--max-pending", "0"}), 2);
     EXPECT_EQ(exit_status({"--stats"}), 2);
     EXPECT_EQ(exit_status({"--bind", "hub.example"}), 2);
     EXPECT_EQ(exit_status({"--verbose", "1"}), 2);

@@ -2,6 +2,7 @@
 // is not handled yet, and what it is owed that is not written yet.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "byte_buffer.h"
@@ -16,9 +17,10 @@ struct Client {
     std::string name;  // as the client told us; empty until it does
     ByteBuffer input;  // starts with an incomplete frame, if any
     ByteBuffer output; // the unsent part of the frames forwarded to it
-    bool watching_output = false; // EPOLLOUT registered: the socket was full
-    bool flush_queued = false;    // already in this round's list of clients to write to
-    bool dropped = false;         // gone for routing; its socket closes at the end of the round
+    bool watching_output = false;   // EPOLLOUT registered: the socket was full
+    bool flush_queued = false;      // already in this round's list of clients to write to
+    bool dropped = false;           // gone for routing; its socket closes at the end of the round
+    int64_t requests_forgotten = 0; // over the bound of unanswered requests
 };
 
 } // namespace zelhub

@@ -17,12 +17,22 @@
 
 #include "server.h"
 #include "socket_address.h"
+#include "transport/hub/framing.h"
 
 namespace {
 
 void print_usage(FILE *to)
 {
-    std::fprintf(to, "usage: zelhub [--port N] [--bind ADDR] [--max-backlog BYTES] [--stats SECONDS]\n");
+    std::fprintf(to,
+                 "usage: zelhub [--port N] [--bind ADDR] [--max-backlog BYTES] [--max-total-backlog BYTES]\n"
+                 "              [--max-frame BYTES] [--max-pending N] [--stats SECONDS]\n"
+                 "  --max-backlog BYTES        a client owed more unsent bytes is dropped (default 64 MiB)\n"
+                 "  --max-total-backlog BYTES  when all clients together are owed more, the one owed the most\n"
+                 "                             is dropped (default 256 MiB)\n"
+                 "  --max-frame BYTES          a client sending a larger frame, its 4-byte length included, is\n"
+                 "                             dropped (default 16 MiB)\n"
+                 "  --max-pending N            a client's unanswered requests kept for routing replies; past\n"
+                 "                             that its oldest is forgotten (default 65536)\n");
 }
 
 template <typename Number>
@@ -65,6 +75,12 @@ bool parse_options(int argc, char **argv, zelhub::Options &options)
             understood = is_address(options.bind = std::string(value));
         else if (name == "--max-backlog")
             understood = parse_number<int64_t>(value, 1, int64_t(1) << 50, options.max_backlog);
+        else if (name == "--max-total-backlog")
+            understood = parse_number<int64_t>(value, 1, int64_t(1) << 50, options.max_total_backlog);
+        else if (name == "--max-frame")
+            understood = parse_number<int64_t>(value, 1, zel::hub::broken_frame_length - 1, options.max_frame);
+        else if (name == "--max-pending")
+            understood = parse_number(value, 1, 1 << 30, options.max_pending);
         else if (name == "--stats")
             understood = parse_number(value, 1, 1000000, options.stats_seconds);
         if (!understood)

@@ -46,6 +46,12 @@ std::string printable(std::string_view name)
     return text;
 }
 
+// How log lines call a client: by its name once it told us, else by its id.
+std::string label_of(const Client &client)
+{
+    return client.name.empty() ? "#" + std::to_string(client.id) : "\"" + printable(client.name) + "\"";
+}
+
 bool add_to_epoll(int epoll_fd, int fd, uint32_t events, uint64_t token)
 {
     epoll_event event{};
@@ -68,7 +74,10 @@ std::string system_error(const char *what)
 
 } // namespace
 
-Server::Server(Options options, int stop_fd) : options_(std::move(options)), stop_fd_(stop_fd) {}
+Server::Server(Options options, int stop_fd)
+    : options_(std::move(options)), stop_fd_(stop_fd), pending_(options_.max_pending)
+{
+}
 
 Server::~Server()
 {
@@ -241,7 +250,8 @@ void Server::handle_frames(Client &client)
 {
     auto cut = zel::hub::cut_frames(client.input.data(), int64_t(client.input.size()),
                                     [&](const char *message, int32_t length) {
-                                        if (!client.dropped)
+                                        // A large input buffer may hold a whole frame over the maximum.
+                                        if (!client.dropped && !refuse_oversized(client, frame_header_size + length))
                                             handle_message(client, message, length);
                                     });
     counters_.frames_in += cut.frames;
@@ -252,8 +262,21 @@ void Server::handle_frames(Client &client)
         drop(client, "sent a broken frame length (" + std::to_string(length) + ")");
         return;
     }
+    if (refuse_oversized(client, cut.needed))
+        return;
     client.input.consume(size_t(cut.consumed));
     client.input.shrink_if_empty_and_above(kept_buffer_size);
+}
+
+// Refused on its length alone, before its body is buffered: the hub keeps a
+// frame whole until it is handled.
+bool Server::refuse_oversized(Client &client, int64_t frame_size)
+{
+    if (frame_size <= options_.max_frame)
+        return false;
+    drop(client, "sent a frame of " + std::to_string(frame_size) + " bytes, more than the maximum " +
+                     std::to_string(options_.max_frame));
+    return true;
 }
 
 void Server::handle_message(Client &sender, const char *message, int32_t length)
@@ -290,7 +313,8 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
         // Relays add their own number after the sender's: the last one is this hop's.
         if (has_field(parsed_, request_number_tag)) {
             const sVartoItem *last = parsed_->slots[request_number_tag].last;
-            pending_.remember(std::string_view(last->data, size_t(last->len)), sender.id);
+            if (pending_.remember(std::string_view(last->data, size_t(last->len)), sender.id))
+                count_forgotten_request(sender);
         }
         send_to_others(sender, frame, frame_size);
         return;
@@ -298,6 +322,18 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
         route_reply(frame, frame_size);
         return;
     }
+}
+
+// Logged the first time for a client and then each time its count doubles,
+// so that a client asking without end does not flood the log.
+void Server::count_forgotten_request(Client &client)
+{
+    ++counters_.requests_forgotten;
+    int64_t forgotten = ++client.requests_forgotten;
+    if ((forgotten & (forgotten - 1)) == 0)
+        std::fprintf(stderr,
+                     "zelhub: client %s from %s: forgot %" PRId64 " unanswered requests (over the bound of %d)\n",
+                     label_of(client).c_str(), client.peer.c_str(), forgotten, options_.max_pending);
 }
 
 // The reply's request numbers are read from the last (this hop's) back to
@@ -335,12 +371,37 @@ void Server::send_to(ClientId id, const char *frame, int32_t frame_size)
         drop(client, "fell behind by more than " + std::to_string(options_.max_backlog) + " bytes");
         return;
     }
+    while (total_backlog_ + frame_size > options_.max_total_backlog && !client.dropped)
+        drop_most_behind(client, frame_size);
+    if (client.dropped)
+        return;
     client.output.append(frame, size_t(frame_size));
+    total_backlog_ += frame_size;
     ++counters_.frames_out;
     if (!client.flush_queued) {
         client.flush_queued = true;
         to_flush_.push_back(id);
     }
+}
+
+// The client owed the most goes first, so that the slowest readers, not the
+// healthy ones, pay for the hub's memory running out. The recipient counts
+// the frame on its way, which it may be alone to owe.
+void Server::drop_most_behind(const Client &recipient, int32_t frame_size)
+{
+    Client *most = nullptr;
+    int64_t most_owed = 0;
+    for (const auto &client : clients_) {
+        if (!client || client->dropped)
+            continue;
+        int64_t owed = int64_t(client->output.size()) + (client.get() == &recipient ? frame_size : 0);
+        if (owed > most_owed) {
+            most = client.get();
+            most_owed = owed;
+        }
+    }
+    drop(*most, "all clients together fell behind by more than " + std::to_string(options_.max_total_backlog) +
+                    " bytes; this one owed the most (" + std::to_string(most_owed) + " bytes)");
 }
 
 void Server::flush_outputs()
@@ -361,6 +422,7 @@ void Server::write_output(Client &client)
         ssize_t sent = send(client.fd, output.data(), output.size(), MSG_NOSIGNAL);
         if (sent > 0) {
             output.consume(size_t(sent));
+            total_backlog_ -= sent;
             counters_.bytes_out += sent;
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
             break;
@@ -405,15 +467,14 @@ void Server::disconnect(Client &client, std::string_view why)
     if (client.dropped)
         return;
     client.dropped = true;
+    total_backlog_ -= int64_t(client.output.size());
     subscriptions_.forget(client.id);
     pending_.forget(client.id);
     to_close_.push_back(client.id);
     --live_clients_;
-    if (!why.empty()) {
-        std::string name = client.name.empty() ? "#" + std::to_string(client.id) : "\"" + printable(client.name) + "\"";
-        std::fprintf(stderr, "zelhub: client %s from %s disconnected: %.*s\n", name.c_str(), client.peer.c_str(),
-                     int(why.size()), why.data());
-    }
+    if (!why.empty())
+        std::fprintf(stderr, "zelhub: client %s from %s disconnected: %.*s\n", label_of(client).c_str(),
+                     client.peer.c_str(), int(why.size()), why.data());
 }
 
 void Server::close_dropped_clients()
@@ -444,9 +505,9 @@ void Server::print_counters()
     const Counters &c = counters_;
     std::printf("zelhub stats: clients %d, frames in %" PRId64 ", frames out %" PRId64 ", bytes in %" PRId64
                 ", bytes out %" PRId64 ", clients dropped %" PRId64 ", heartbeats %" PRId64
-                ", unrouted replies %" PRId64 "\n",
+                ", unrouted replies %" PRId64 ", forgotten requests %" PRId64 "\n",
                 live_clients_, c.frames_in, c.frames_out, c.bytes_in, c.bytes_out, c.clients_dropped, c.heartbeats,
-                c.replies_unrouted);
+                c.replies_unrouted, c.requests_forgotten);
     std::fflush(stdout);
 }
 

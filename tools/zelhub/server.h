@@ -22,8 +22,11 @@ namespace zelhub {
 struct Options {
     std::string bind = "127.0.0.1";
     int port = 0;
-    int64_t max_backlog = 64 * 1024 * 1024; // unsent bytes a client may be owed
-    int stats_seconds = 0;                  // 0: no periodic counters
+    int64_t max_backlog = 64 * 1024 * 1024;        // unsent bytes a client may be owed
+    int64_t max_total_backlog = 256 * 1024 * 1024; // unsent bytes all clients together may be owed
+    int64_t max_frame = 16 * 1024 * 1024;          // bytes of one frame a client sends, header included
+    int max_pending = 65536;                       // unanswered requests kept per client
+    int stats_seconds = 0;                         // 0: no periodic counters
 };
 
 struct Counters {
@@ -31,7 +34,8 @@ struct Counters {
     int64_t bytes_in = 0, bytes_out = 0;
     int64_t clients_dropped = 0;
     int64_t heartbeats = 0;
-    int64_t replies_unrouted = 0; // nobody waited for them any more
+    int64_t replies_unrouted = 0;   // nobody waited for them any more
+    int64_t requests_forgotten = 0; // their client had too many unanswered
 };
 
 class Server {
@@ -51,10 +55,13 @@ private:
     void accept_clients();
     void read_from(Client &client);
     void handle_frames(Client &client);
+    bool refuse_oversized(Client &client, int64_t frame_size);
     void handle_message(Client &sender, const char *frame, int32_t length);
+    void count_forgotten_request(Client &client);
     void route_reply(const char *frame, int32_t length);
     void send_to_others(Client &sender, const char *frame, int32_t length);
     void send_to(ClientId id, const char *frame, int32_t length);
+    void drop_most_behind(const Client &recipient, int32_t frame_size);
     void flush_outputs();
     void write_output(Client &client);
     void watch_output(Client &client, bool watch);
@@ -72,6 +79,7 @@ private:
     bool stopping_ = false;
     bool accepting_paused_ = false;
     int live_clients_ = 0;
+    int64_t total_backlog_ = 0; // unsent bytes of all clients not dropped
 
     std::vector<std::unique_ptr<Client>> clients_; // by id; null for a free id
     std::vector<ClientId> free_ids_;
