@@ -37,6 +37,7 @@
  *   8  a truncated LZMA frame: shorter than its 13-byte header, or a stream
  *      that ends before it has produced the declared length
  *  -1  freeing the handle failed (zel_compress_close)
+ * A null detail pointer is allowed: the call then does not report its detail.
  *
  * Source and destination are always two different buffers.
  *

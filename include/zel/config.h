@@ -41,6 +41,7 @@
  *      file whose first line is not a section header
  *   6  the requested cell is empty
  *   other  passed through from the allocator and the file layer
+ * A null detail pointer is allowed: the call then does not report its detail.
  * Inputs beyond a limit are refused with detail 5 and nothing is written:
  * more than CFG_MAX_ITEMS lines in a format file or in one ini section, more
  * than CFG_MAX_SECTIONS sections, a cfg file with more than CFG_MAX_ROWS

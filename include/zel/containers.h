@@ -3,10 +3,11 @@
  *
  * Every function answers 1 for success and 0 for failure and writes a detail
  * code through its last argument; each family has its own codes, listed with
- * it. Keys are counted strings whose bytes are the caller's: the containers
- * store the pointer, never a copy, so a key's bytes must stay valid and
- * unchanged for as long as the entry holding it exists. No container locks:
- * use one from one thread at a time or under your own lock.
+ * it. A null detail pointer is allowed: the call then does not report its
+ * detail. Keys are counted strings whose bytes are the caller's: the
+ * containers store the pointer, never a copy, so a key's bytes must stay valid
+ * and unchanged for as long as the entry holding it exists. No container
+ * locks: use one from one thread at a time or under your own lock.
  */
 #ifndef ZEL_CONTAINERS_H
 #define ZEL_CONTAINERS_H

@@ -17,6 +17,7 @@
  *  31  the peer closed the connection
  *  32  the address cannot be resolved ("host:port" expected)
  *  33  the connection was refused or timed out
+ * A null detail pointer is allowed: the call then does not report its detail.
  * A descriptor is used by one thread at a time; nothing here locks.
  */
 #ifndef ZEL_DESCRIPTORS_H

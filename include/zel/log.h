@@ -57,6 +57,7 @@
  *  other  passed through from the descriptor layer (descriptors.h): a failed
  *      write, the logger's socket open (31, 32, 33: peer closed, address
  *      not resolvable, refused), or a close
+ * A null detail pointer is allowed: the call then does not report its detail.
  *
  * Threading: a handle has one line buffer and one record buffer and no lock.
  * Use one handle from one thread at a time; separate handles may be used on

@@ -20,6 +20,7 @@
  *   6  not found or empty: no such field, no more messages, an empty value,
  *      a message not yet parsed
  *  -1  a free or reallocation failed
+ * A null detail pointer is allowed: the call then does not report its detail.
  *
  * A vartocb is made once and reused; it belongs to one thread at a time.
  * After an in-place parse its values point into the caller's input buffer,

@@ -13,6 +13,7 @@
  *   5  argument out of range (size not positive, null record, negative time
  *      field, format code outside 1..13, bad destination)
  *   9  a buffer could not be grown or a copy failed
+ * A null detail pointer is allowed: the call then does not report its detail.
  * Arguments documented as "ignored" are kept for the call shape.
  */
 #ifndef ZEL_PLATFORM_H

@@ -11,6 +11,7 @@
  *   4  handle already open
  *   5  passed through from the allocator (size not positive, nothing to free)
  *  -1  a free failed
+ * A null detail pointer is allowed: the call then does not report its detail.
  * None of these functions locks: a buffer or string belongs to one thread at
  * a time.
  */

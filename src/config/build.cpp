@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "config/owned.h"
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -103,6 +104,7 @@ extern "C" {
 
 uint64_t cfg_build_row_data(scratchcb *row, sCfgItemList *fmt, sCfgSection *section, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!row)
         return sys_fail(err, 5);
     if (!fmt || !section)
@@ -123,6 +125,7 @@ uint64_t cfg_build_row_data(scratchcb *row, sCfgItemList *fmt, sCfgSection *sect
 
 uint64_t cfg_build_file_data(scratchcb *out, sCfgHandle *fmt_handle, sCfgHandle *ini_handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!fmt_handle || !fmt_handle->fmt || !ini_handle || !ini_handle->ini)
         return sys_fail(err, 2);
     if (!out)

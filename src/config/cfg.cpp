@@ -5,6 +5,7 @@
 
 #include "config/owned.h"
 #include "config/table.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 #include "platform/result.h"
 
@@ -31,6 +32,7 @@ extern "C" {
 
 uint64_t cfg_open(sCfgHandle **handle, uint64_t, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     if (*handle)
@@ -43,6 +45,7 @@ uint64_t cfg_open(sCfgHandle **handle, uint64_t, uint32_t *err)
 
 uint64_t cfg_close(sCfgHandle **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     sCfgHandle *h = *handle;
@@ -59,6 +62,7 @@ uint64_t cfg_close(sCfgHandle **handle, uint32_t *err)
 
 uint64_t cfg_load_cfg(sCfgHandle *handle, sPChar *path, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     if (!zel::cfg::is_usable_path(path))
@@ -81,6 +85,7 @@ uint64_t cfg_load_cfg(sCfgHandle *handle, sPChar *path, uint32_t *err)
 
 uint64_t cfg_get_item(sCfgHandle *handle, int32_t row, int32_t column, sPChar *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !handle->table)
         return sys_fail(err, 2);
     if (!out)
@@ -100,6 +105,7 @@ uint64_t cfg_get_item(sCfgHandle *handle, int32_t row, int32_t column, sPChar *o
 
 uint64_t cfg_get_size(sCfgHandle *handle, int32_t *rows, int32_t *columns, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !handle->table)
         return sys_fail(err, 2);
     if (!rows || !columns)

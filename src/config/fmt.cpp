@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "config/text_lists.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 #include "platform/result.h"
 
@@ -58,11 +59,13 @@ extern "C" {
 
 uint64_t cfg_load_fmt(sCfgHandle *handle, sPChar *path, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return zel::cfg::load_text_config(handle, &sCfgHandle::fmt, path, zel::cfg::parse_fmt_text, err);
 }
 
 uint64_t cfg_unload_fmt(sCfgItemList **list, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!list || !*list)
         return sys_fail(err, 2);
     sCfgItemList *l = *list;

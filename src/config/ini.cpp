@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "config/text_lists.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 #include "platform/result.h"
 
@@ -107,11 +108,13 @@ extern "C" {
 
 uint64_t cfg_load_ini(sCfgHandle *handle, sPChar *path, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return zel::cfg::load_text_config(handle, &sCfgHandle::ini, path, zel::cfg::parse_ini_text, err);
 }
 
 uint64_t cfg_unload_ini(sCfgSectionList **list, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!list || !*list)
         return sys_fail(err, 2);
     // The loader has always released the first item's texts once for every

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "config/text_lists.h"
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -94,6 +95,7 @@ uint64_t get_single_fmt_ini_msg(scratchcb *text, sPChar *line, int32_t *pos)
 
 uint64_t load_delim_msg_to_hndl(sCfgItem *item, sPChar *line, const char *delimiter, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!item || !line || !delimiter || line->len < 0 || (line->len > 0 && !line->data) || line->len > CFG_MAX_LINE)
         return sys_fail(err, 5);
     *item = sCfgItem{};

@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 namespace {
@@ -230,6 +231,7 @@ void free_nodes(Tree *t)
 
 int zel_btree_open(void **handle, sZELBtreeParams *p, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !p || (p->mode != 0 && !p->compare))
         return fail(err, 4);
     if (*handle)
@@ -254,6 +256,7 @@ int zel_btree_open(void **handle, sZELBtreeParams *p, int *err)
 
 int zel_btree_close(void **handle, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = handle ? static_cast<Tree *>(*handle) : nullptr;
     if (!t)
         return fail(err, 4);
@@ -267,6 +270,7 @@ int zel_btree_close(void **handle, int *err)
 
 int zel_btree_delete_all(void *tree, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t)
         return fail(err, 4);
@@ -279,6 +283,7 @@ int zel_btree_delete_all(void *tree, int *err)
 
 int zel_btree_insert_item(void *tree, sPChar *key, void *value, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !value || !valid_key(key) || (t->mode == 0 && first_byte(key->data) >= partition_count))
         return fail(err, 4);
@@ -314,6 +319,7 @@ int zel_btree_insert_item(void *tree, sPChar *key, void *value, int *err)
 
 int zel_btree_delete_item(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -337,6 +343,7 @@ int zel_btree_delete_item(void *tree, sPChar *key, void **value_out, int *err)
 
 int zel_btree_find_key(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -346,6 +353,7 @@ int zel_btree_find_key(void *tree, sPChar *key, void **value_out, int *err)
 
 int zel_btree_find_first_key(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !key)
         return fail(err, 4);
@@ -354,6 +362,7 @@ int zel_btree_find_first_key(void *tree, sPChar *key, void **value_out, int *err
 
 int zel_btree_find_last_key(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !key)
         return fail(err, 4);
@@ -362,6 +371,7 @@ int zel_btree_find_last_key(void *tree, sPChar *key, void **value_out, int *err)
 
 int zel_btree_find_next_key(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -371,6 +381,7 @@ int zel_btree_find_next_key(void *tree, sPChar *key, void **value_out, int *err)
 
 int zel_btree_find_prev_key(void *tree, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -380,6 +391,7 @@ int zel_btree_find_prev_key(void *tree, sPChar *key, void **value_out, int *err)
 
 int zel_btree_find_first_key_not_less_than(void *tree, sPChar *key, sPChar *found_key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -388,6 +400,7 @@ int zel_btree_find_first_key_not_less_than(void *tree, sPChar *key, sPChar *foun
 
 int zel_btree_find_next_key_less_than(void *tree, sPChar *key, sPChar *found_key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !valid_key(key))
         return fail(err, 4);
@@ -397,6 +410,7 @@ int zel_btree_find_next_key_less_than(void *tree, sPChar *key, sPChar *found_key
 
 int zel_btree_find_first_node(void *tree, sZELBtreeKeycb **node, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !node)
         return fail(err, 4);
@@ -406,6 +420,7 @@ int zel_btree_find_first_node(void *tree, sZELBtreeKeycb **node, int *err)
 
 int zel_btree_find_next_node(void *tree, sZELBtreeKeycb **node, int *err)
 {
+    err = zel::detail_slot(err);
     if (!tree || !node || !*node)
         return fail(err, 4);
     *node = (*node)->next;
@@ -414,6 +429,7 @@ int zel_btree_find_next_node(void *tree, sZELBtreeKeycb **node, int *err)
 
 int zel_btree_get_info(void *tree, sZELBtreeInfocb *out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !out)
         return fail(err, 4);
@@ -423,6 +439,7 @@ int zel_btree_get_info(void *tree, sZELBtreeInfocb *out, int *err)
 
 int zel_btree_get_meters(void *tree, sZELBtreeMeterscb *out, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t || !out)
         return fail(err, 4);
@@ -432,6 +449,7 @@ int zel_btree_get_meters(void *tree, sZELBtreeMeterscb *out, int *err)
 
 int zel_btree_reset_meters(void *tree, int *err)
 {
+    err = zel::detail_slot(err);
     Tree *t = static_cast<Tree *>(tree);
     if (!t)
         return fail(err, 4);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "containers/hash_functions.h"
+#include "platform/detail_slot.h"
 
 namespace {
 
@@ -260,6 +261,7 @@ extern "C" {
 
 int zel_hash_open(void **handle, sZELHashParams *p, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle) {
         *err = 3;
         return 0;
@@ -302,6 +304,7 @@ int zel_hash_open(void **handle, sZELHashParams *p, int *err)
 
 int zel_hash_close(void **handle, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = table_of(handle ? *handle : nullptr, err);
     if (!t)
         return 0;
@@ -317,6 +320,7 @@ int zel_hash_close(void **handle, int *err)
 
 int zel_hash_clear(void *h, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = table_of(h, err);
     if (!t)
         return 0;
@@ -331,6 +335,7 @@ int zel_hash_clear(void *h, int *err)
 
 int zel_hash_add(void *h, sPChar *key, void *value, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
@@ -364,6 +369,7 @@ int zel_hash_add(void *h, sPChar *key, void *value, int *err)
 
 int zel_hash_delete(void *h, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
@@ -390,6 +396,7 @@ int zel_hash_delete(void *h, sPChar *key, void **value_out, int *err)
 
 int zel_hash_table_find(void *h, sPChar *key, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = keyed_table(h, key, err);
     if (!t)
         return 0;
@@ -409,6 +416,7 @@ int zel_hash_table_find(void *h, sPChar *key, void **value_out, int *err)
 
 int zel_hash_first_item(void *h, sPChar *key_out, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = table_of(h, err);
     if (!t)
         return 0;
@@ -419,6 +427,7 @@ int zel_hash_first_item(void *h, sPChar *key_out, void **value_out, int *err)
 
 int zel_hash_next_item(void *h, sPChar *key_out, void **value_out, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = table_of(h, err);
     if (!t)
         return 0;
@@ -438,6 +447,7 @@ int zel_hash_next_item(void *h, sPChar *key_out, void **value_out, int *err)
 
 int zel_hash_meters(void *h, sZELHashMeters *out, int *err)
 {
+    err = zel::detail_slot(err);
     Table *t = table_of(h, err);
     if (!t)
         return 0;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 using zel::mem_alloc;
@@ -163,6 +164,7 @@ extern "C" {
 
 int linklist_open(void **handle, long flag, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return fail(err, kInvalid);
     if (*handle)
@@ -178,6 +180,7 @@ int linklist_open(void **handle, long flag, int *err)
 
 int linklist_close(void **handle, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = handle ? static_cast<List *>(*handle) : nullptr;
     if (!l)
         return fail(err, kNullList);
@@ -190,16 +193,19 @@ int linklist_close(void **handle, int *err)
 
 int list_add_node(void *list, sPChar *key, void *item, int *err)
 {
+    err = zel::detail_slot(err);
     return add(list, key, item, false, err);
 }
 
 int list_add_node_at_begin(void *list, sPChar *key, void *item, int *err)
 {
+    err = zel::detail_slot(err);
     return add(list, key, item, true, err);
 }
 
 int list_clear_nodes(void *list, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -210,6 +216,7 @@ int list_clear_nodes(void *list, int *err)
 
 int list_find_node(void *list, sPChar *key_out, void *item, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -224,12 +231,14 @@ int list_find_node(void *list, sPChar *key_out, void *item, int *err)
 
 int list_first_node(void *list, sPChar *key_out, void **item_out, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     return l ? step_to(l, l->head, key_out, item_out, err) : 0;
 }
 
 int list_next_node(void *list, sPChar *key_out, void **item_out, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -238,6 +247,7 @@ int list_next_node(void *list, sPChar *key_out, void **item_out, int *err)
 
 int list_matching_first_node(void *list, sPChar *key, void **item_out, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -248,6 +258,7 @@ int list_matching_first_node(void *list, sPChar *key, void **item_out, int *err)
 
 int list_matching_next_node(void *list, sPChar *key, void **item_out, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -260,6 +271,7 @@ int list_matching_next_node(void *list, sPChar *key, void **item_out, int *err)
 
 int list_delete_node(void *list, sPChar *key_out, void **item_out, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -276,6 +288,7 @@ int list_delete_node(void *list, sPChar *key_out, void **item_out, int *err)
 
 int list_set_key(void *list, sPChar *old_key_out, sPChar *new_key, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;
@@ -289,6 +302,7 @@ int list_set_key(void *list, sPChar *old_key_out, sPChar *new_key, int *err)
 
 int list_set_item(void *list, void **old_item_out, void *new_item, int *err)
 {
+    err = zel::detail_slot(err);
     List *l = usable(list, err);
     if (!l)
         return 0;

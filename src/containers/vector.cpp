@@ -6,6 +6,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 using zel::mem_alloc;
@@ -135,6 +136,7 @@ int hand_out(const Vector *v, void **out, int index, int detail, int *err)
 
 int zel_vec_open(void **handle, sZELVecParams *p, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return fail(err, kNullHandle);
     if (*handle)
@@ -162,6 +164,7 @@ int zel_vec_open(void **handle, sZELVecParams *p, int *err)
 
 int zel_vec_close(void **handle, int *err)
 {
+    err = zel::detail_slot(err);
     Vector *v = handle ? static_cast<Vector *>(*handle) : nullptr;
     if (!v)
         return fail(err, kNullHandle);
@@ -174,6 +177,7 @@ int zel_vec_close(void **handle, int *err)
 
 int zel_vec_add(void *vec, void *elem, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {elem});
     if (!v)
         return 0;
@@ -182,6 +186,7 @@ int zel_vec_add(void *vec, void *elem, int *err)
 
 int zel_vec_add_at(void *vec, void *elem, int index, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;
@@ -192,6 +197,7 @@ int zel_vec_add_at(void *vec, void *elem, int index, int *err)
 
 int zel_vec_add_get(void *vec, void *elem, void **where, int *index, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {elem, where, index});
     if (!v)
         return 0;
@@ -204,6 +210,7 @@ int zel_vec_add_get(void *vec, void *elem, void **where, int *index, int *err)
 
 int zel_vec_del(void *vec, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;
@@ -214,6 +221,7 @@ int zel_vec_del(void *vec, int *err)
 
 int zel_vec_del_at(void *vec, int index, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;
@@ -222,10 +230,15 @@ int zel_vec_del_at(void *vec, int index, int *err)
     return remove_range(v, index, index, err);
 }
 
-int zel_vec_del_first(void *vec, int *err) { return zel_vec_del_at(vec, 0, err); }
+int zel_vec_del_first(void *vec, int *err)
+{
+    err = zel::detail_slot(err);
+    return zel_vec_del_at(vec, 0, err);
+}
 
 int zel_vec_del_seq(void *vec, int from, int to, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;
@@ -236,6 +249,7 @@ int zel_vec_del_seq(void *vec, int from, int to, int *err)
 
 int zel_vec_clear(void *vec, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;
@@ -246,6 +260,7 @@ int zel_vec_clear(void *vec, int *err)
 
 int zel_vec_get(void *vec, void **out, int index, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -254,6 +269,7 @@ int zel_vec_get(void *vec, void **out, int index, int *err)
 
 int zel_vec_first(void *vec, void **out, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -263,6 +279,7 @@ int zel_vec_first(void *vec, void **out, int *err)
 
 int zel_vec_next(void *vec, void **out, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -274,6 +291,7 @@ int zel_vec_next(void *vec, void **out, int *err)
 
 int zel_vec_last(void *vec, void **out, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -282,6 +300,7 @@ int zel_vec_last(void *vec, void **out, int *err)
 
 int zel_vec_get_index(void *vec, void *elem, int *index, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {elem, index});
     if (!v)
         return 0;
@@ -295,6 +314,7 @@ int zel_vec_get_index(void *vec, void *elem, int *index, int *err)
 
 int zel_vec_get_array(void *vec, void **array, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {array, count});
     if (!v)
         return 0;
@@ -305,6 +325,7 @@ int zel_vec_get_array(void *vec, void **array, int *count, int *err)
 
 int zel_vec_get_count(void *vec, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {count});
     if (!v)
         return 0;
@@ -314,6 +335,7 @@ int zel_vec_get_count(void *vec, int *count, int *err)
 
 int zel_vec_get_info(void *vec, sZELVecInfocb *out, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -323,6 +345,7 @@ int zel_vec_get_info(void *vec, sZELVecInfocb *out, int *err)
 
 int zel_vec_get_meters(void *vec, sZELVecMeterscb *out, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err, {out});
     if (!v)
         return 0;
@@ -332,6 +355,7 @@ int zel_vec_get_meters(void *vec, sZELVecMeterscb *out, int *err)
 
 int zel_vec_reset_meters(void *vec, int *err)
 {
+    err = zel::detail_slot(err);
     auto *v = vector_of(vec, err);
     if (!v)
         return 0;

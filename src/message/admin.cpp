@@ -11,6 +11,7 @@
 #include "message/append.h"
 #include "message/index.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 
 using namespace zel;
 
@@ -135,6 +136,7 @@ extern "C" {
 
 int varto_to_admin(vartocb *m, scratchcb *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!prepare_text(m, out, 256, 2, err))
         return 0;
     for (int32_t i = 0; i < m->tag_count; ++i) {
@@ -149,6 +151,7 @@ int varto_to_admin(vartocb *m, scratchcb *out, int *err)
 
 int varto_to_printable_admin(vartocb *m, scratchcb *out, int, int *err)
 {
+    err = zel::detail_slot(err);
     if (!prepare_text(m, out, 512, 4, err))
         return 0;
     scratchcb *b = m->build;
@@ -167,6 +170,7 @@ int varto_to_printable_admin(vartocb *m, scratchcb *out, int, int *err)
 
 int varto_from_admin(vartocb *m, int ntokens, sPChar *tokens, scratchcb *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !out) {
         *err = 1;
         return 0;
@@ -201,6 +205,7 @@ int varto_from_admin(vartocb *m, int ntokens, sPChar *tokens, scratchcb *out, in
 
 int read_mnm_couplets(void *pair, int argc, const char **argv, int *err)
 {
+    err = zel::detail_slot(err);
     if (!pair) {
         *err = 1;
         return 0;
@@ -258,6 +263,7 @@ int read_mnm_couplets(void *pair, int argc, const char **argv, int *err)
 
 int zel_parse_print_msg(vartocb *m, sPChar *dest, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;

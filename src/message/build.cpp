@@ -5,6 +5,7 @@
 #include "message/append.h"
 #include "message/index.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 namespace zel::msg {
@@ -130,6 +131,7 @@ extern "C" {
 
 int zel_start_msg(vartocb *m, scratchcb *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -158,6 +160,7 @@ int zel_start_msg(vartocb *m, scratchcb *out, int *err)
 
 int zel_add_data(vartocb *m, int tag, int count, sPChar *items, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -167,6 +170,7 @@ int zel_add_data(vartocb *m, int tag, int count, sPChar *items, int *err)
 
 int zel_add_data_pchar(sPChar *buf, int tag, sPChar *value, int *err)
 {
+    err = zel::detail_slot(err);
     if (!buf || buf->len < -1 || !value || value->len < 0 || (!value->data && value->len > 0) || !msg::valid_tag(tag)) {
         *err = 2;
         return 0;
@@ -193,6 +197,7 @@ int zel_add_data_pchar(sPChar *buf, int tag, sPChar *value, int *err)
 
 int zel_build_msg(vartocb *m, scratchcb *dst, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;

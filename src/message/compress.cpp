@@ -3,6 +3,7 @@
 #include <zel/compress.h>
 
 #include "message/compress_handle.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 using zel::codec::fail;
@@ -53,6 +54,7 @@ extern "C" {
 
 int zel_compress_open(void **handle, int *type, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || *handle)
         return fail(err, 2);
     if (!is_codec(type))
@@ -71,6 +73,7 @@ int zel_compress_open(void **handle, int *type, int *err)
 
 int zel_compress_close(void **handle, int *err)
 {
+    err = zel::detail_slot(err);
     auto *h = handle ? static_cast<Handle *>(*handle) : nullptr;
     if (!h)
         return fail(err, 2);
@@ -84,16 +87,19 @@ int zel_compress_close(void **handle, int *err)
 
 int zel_compress(void *handle, scratchcb *src, scratchcb *dst, int *err)
 {
+    err = zel::detail_slot(err);
     return transform(handle, &Handle::compress, src, dst, err);
 }
 
 int zel_decompress(void *handle, scratchcb *src, scratchcb *dst, int *err)
 {
+    err = zel::detail_slot(err);
     return transform(handle, &Handle::decompress, src, dst, err);
 }
 
 int zel_compressed_size(void *handle, scratchcb *src, unsigned long long *size, int *err)
 {
+    err = zel::detail_slot(err);
     auto *h = static_cast<Handle *>(handle);
     if (!h || !h->size_of || !size)
         return fail(err, 2);

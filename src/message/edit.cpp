@@ -4,6 +4,7 @@
 
 #include "message/index.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 using namespace zel;
@@ -66,6 +67,7 @@ extern "C" {
 
 int zel_replace_data_item(vartocb *m, int tag, int index, sPChar *value, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -99,6 +101,7 @@ int zel_replace_data_item(vartocb *m, int tag, int index, sPChar *value, int *er
 
 int zel_delete_data_item(vartocb *m, int tag, int index, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -133,6 +136,7 @@ int zel_delete_data_item(vartocb *m, int tag, int index, int *err)
 
 int zel_delete_field(vartocb *m, int tag, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -154,6 +158,7 @@ int zel_delete_field(vartocb *m, int tag, int *err)
 
 int zel_delete_field_list(vartocb *m, int *tags, int ntags, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -172,6 +177,7 @@ int zel_delete_field_list(vartocb *m, int *tags, int ntags, int *err)
 
 int zel_copy_field_as(vartocb *dst, vartocb *src, int dst_tag, int src_tag, int *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !src) {
         *err = 1;
         return 0;
@@ -192,11 +198,13 @@ int zel_copy_field_as(vartocb *dst, vartocb *src, int dst_tag, int src_tag, int 
 
 int zel_copy_field(vartocb *dst, vartocb *src, int tag, int *err)
 {
+    err = zel::detail_slot(err);
     return zel_copy_field_as(dst, src, tag, tag, err);
 }
 
 int zel_copy_msg(vartocb *dst, vartocb *src, int *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !src) {
         *err = 1;
         return 0;

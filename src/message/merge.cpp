@@ -7,6 +7,7 @@
 #include "message/append.h"
 #include "message/index.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 
 using namespace zel;
 
@@ -145,6 +146,7 @@ extern "C" {
 
 int varto_copy_msg_recieve(vartocb *src, vartocb *dst, int *err)
 {
+    err = zel::detail_slot(err);
     if (!src || !dst) {
         *err = 1;
         return 0;
@@ -176,6 +178,7 @@ int varto_copy_changed_fields(vartocb *src, vartocb *dst, ...)
 
 int varto_to_scratch(vartocb *m, scratchcb *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -197,6 +200,7 @@ int varto_to_scratch(vartocb *m, scratchcb *out, int *err)
 
 int varto_scratch_comp(vartocb *m, scratchcb *s, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;

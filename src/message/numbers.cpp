@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/detail_slot.h"
+
 namespace {
 
 // The longest number text accepted: it must fit the 128-byte work area with
@@ -52,22 +54,26 @@ extern "C" {
 
 int pchars_to_int(int *out, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     return convert_number(out, src, err, false, [](const char *s) { return std::atoi(s); });
 }
 
 int pchars_to_long(long *out, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     return convert_number(out, src, err, false, [](const char *s) { return std::atol(s); });
 }
 
 int pchars_to_short(short *out, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     return convert_number(out, src, err, false,
                           [](const char *s) { return static_cast<short>(std::atoi(s) & 0xFFFF); });
 }
 
 int pchars_to_double(double *out, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     return convert_number(out, src, err, true, [](const char *s) { return std::atof(s); });
 }
 
@@ -83,6 +89,7 @@ int isstrnum(const char *s)
 
 int pput_two_byte_num(unsigned short value, char *base, int *offset, int *err)
 {
+    err = zel::detail_slot(err);
     std::memcpy(base + *offset, &value, 2);
     *offset += 2;
     *err = 0;
@@ -91,6 +98,7 @@ int pput_two_byte_num(unsigned short value, char *base, int *offset, int *err)
 
 int pput_four_byte_num(unsigned int value, char *base, int *offset, int *err)
 {
+    err = zel::detail_slot(err);
     std::memcpy(base + *offset, &value, 4);
     *offset += 4;
     *err = 0;
@@ -99,6 +107,7 @@ int pput_four_byte_num(unsigned int value, char *base, int *offset, int *err)
 
 int pget_two_byte_num(unsigned short *out, char *base, int *offset, int *err)
 {
+    err = zel::detail_slot(err);
     std::memcpy(out, base + *offset, 2);
     *offset += 2;
     *err = 0;
@@ -107,6 +116,7 @@ int pget_two_byte_num(unsigned short *out, char *base, int *offset, int *err)
 
 int pget_four_byte_num(unsigned int *out, char *base, int *offset, int *err)
 {
+    err = zel::detail_slot(err);
     std::memcpy(out, base + *offset, 4);
     *offset += 4;
     *err = 0;

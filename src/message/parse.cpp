@@ -4,6 +4,7 @@
 #include "message/index.h"
 #include "message/sort.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 
 using namespace zel;
 
@@ -171,11 +172,13 @@ extern "C" {
 
 int zel_parse_msg(vartocb *m, scratchcb *msg, int *err)
 {
+    err = zel::detail_slot(err);
     return zel_parse_first_msg(m, msg, msg, err);
 }
 
 int zel_parse_first_msg(vartocb *m, scratchcb *copy, scratchcb *in, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -191,6 +194,7 @@ int zel_parse_first_msg(vartocb *m, scratchcb *copy, scratchcb *in, int *err)
 
 int zel_parse_next_msg(vartocb *m, scratchcb *copy, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m) {
         *err = 1;
         return 0;
@@ -200,11 +204,13 @@ int zel_parse_next_msg(vartocb *m, scratchcb *copy, int *err)
 
 int zel_parse_interested_field_in_msg(vartocb *m, scratchcb *in, int *tags, int ntags, int *err)
 {
+    err = zel::detail_slot(err);
     return parse_filtered(m, in, tags, ntags, ntags > 0 ? Keep::flagged : Keep::unflagged, err);
 }
 
 int zel_parse_uninterested_field_in_msg(vartocb *m, scratchcb *in, int *tags, int ntags, int *err)
 {
+    err = zel::detail_slot(err);
     if (m && (!tags || ntags <= 0)) {
         *err = 2;
         return 0;
@@ -214,6 +220,7 @@ int zel_parse_uninterested_field_in_msg(vartocb *m, scratchcb *in, int *tags, in
 
 int zel_get_parsed_msg(vartocb *m, sPChar *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !out) {
         *err = 1;
         return 0;
@@ -230,6 +237,7 @@ int zel_get_parsed_msg(vartocb *m, sPChar *out, int *err)
 
 int zel_get_field(vartocb *m, int tag, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !count) {
         *err = 1;
         return 0;
@@ -249,6 +257,7 @@ int zel_get_field(vartocb *m, int tag, int *count, int *err)
 
 int zel_get_data(vartocb *m, int tag, int index, sPChar *out, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !out) {
         *err = 1;
         return 0;
@@ -272,12 +281,14 @@ int zel_get_data(vartocb *m, int tag, int index, sPChar *out, int *err)
 
 int zel_get_field_count(vartocb *m, int *nfields, int *err)
 {
+    err = zel::detail_slot(err);
     int ignored;
     return zel_get_count(m, nfields, &ignored, err);
 }
 
 int zel_get_count(vartocb *m, int *nfields, int *nitems, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !nfields || !nitems) {
         *err = 1;
         return 0;
@@ -296,6 +307,7 @@ int zel_get_count(vartocb *m, int *nfields, int *nitems, int *err)
 
 int zel_get_first_field(vartocb *m, int *tag, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !tag || !count) {
         *err = 1;
         return 0;
@@ -310,6 +322,7 @@ int zel_get_first_field(vartocb *m, int *tag, int *count, int *err)
 
 int zel_get_next_field(vartocb *m, int *tag, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     if (!m || !tag || !count) {
         *err = 1;
         return 0;
@@ -319,6 +332,7 @@ int zel_get_next_field(vartocb *m, int *tag, int *count, int *err)
 
 int zel_get_first_field_sort(vartocb *m, int *tag, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     if (m && m->tag_count > 1)
         quicksort(m->tags, m->tag_count, [](int32_t a, int32_t b) { return (a > b) - (a < b); });
     return zel_get_first_field(m, tag, count, err);
@@ -326,6 +340,7 @@ int zel_get_first_field_sort(vartocb *m, int *tag, int *count, int *err)
 
 int zel_get_next_field_sort(vartocb *m, int *tag, int *count, int *err)
 {
+    err = zel::detail_slot(err);
     return zel_get_next_field(m, tag, count, err);
 }
 

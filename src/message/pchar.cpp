@@ -7,12 +7,14 @@
 #include <utility>
 
 #include "message/sort.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 extern "C" {
 
 int p_mem_copy(char *dst, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !src || !src->data || src->len < 0) {
         *err = 2;
         return 0;
@@ -24,6 +26,7 @@ int p_mem_copy(char *dst, sPChar *src, int *err)
 
 int pchar_replicate_mem(sPChar *dst, sPChar *src, int *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !src || (!src->data && src->len > 0)) {
         *err = 2;
         return 0;
@@ -40,6 +43,7 @@ int pchar_replicate_mem(sPChar *dst, sPChar *src, int *err)
 
 int pchar_destroy_mem(sPChar *s, int *err)
 {
+    err = zel::detail_slot(err);
     if (!s || !s->data) {
         *err = 2;
         return 0;
@@ -55,6 +59,7 @@ int pchar_destroy_mem(sPChar *s, int *err)
 
 int pchar_compare(sPChar *a, sPChar *b, int nocase, int *err)
 {
+    err = zel::detail_slot(err);
     if (!a || !b) {
         *err = 2;
         return 0;
@@ -74,6 +79,7 @@ int pchar_compare(sPChar *a, sPChar *b, int nocase, int *err)
 
 int pchar_compare_match(sPChar *a, sPChar *b, int *err)
 {
+    err = zel::detail_slot(err);
     if (!a || !b || !a->data || !b->data || a->len < 1 || b->len < 1) {
         *err = 2;
         return 0;
@@ -93,6 +99,7 @@ int pchar_compare_match(sPChar *a, sPChar *b, int *err)
 
 int p_quicksort_pchars(sPChar *array, int count, int *err)
 {
+    err = zel::detail_slot(err);
     int ignored;
     auto compare = [&ignored](sPChar &x, sPChar &y) { return pchar_compare_match(&x, &y, &ignored); };
     if (array && count > 1)

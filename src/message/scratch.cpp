@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 using zel::mem_alloc;
@@ -47,6 +48,7 @@ extern "C" {
 
 int pset_buffer_size(scratchcb *s, int size, int *err)
 {
+    err = zel::detail_slot(err);
     if (!s) {
         *err = 1;
         return 0;
@@ -72,6 +74,7 @@ int pset_buffer_size(scratchcb *s, int size, int *err)
 
 int punset_buffer_size(scratchcb *s, int *err)
 {
+    err = zel::detail_slot(err);
     if (!s) {
         *err = 3;
         return 0;
@@ -88,6 +91,7 @@ int punset_buffer_size(scratchcb *s, int *err)
 
 int zel_open_scratch(scratchcb **handle, int size, int *err)
 {
+    err = zel::detail_slot(err);
     scratchcb *block = nullptr;
     if (!make_scratch(&block, handle, size, err))
         return 0;
@@ -98,6 +102,7 @@ int zel_open_scratch(scratchcb **handle, int size, int *err)
 
 int zel_open_scratchcb(scratchcb *s, int size, int *err)
 {
+    err = zel::detail_slot(err);
     if (size <= 0 || !s) {
         *err = 2;
         return 0;
@@ -115,6 +120,7 @@ int zel_open_scratchcb(scratchcb *s, int size, int *err)
 
 int zel_close_scratch(scratchcb **handle, int *err)
 {
+    err = zel::detail_slot(err);
     scratchcb *s = handle ? *handle : nullptr;
     if (!s) {
         *err = 1;
@@ -136,6 +142,7 @@ int zel_close_scratch(scratchcb **handle, int *err)
 
 int p_append_buf(scratchcb *dst, scratchcb *src, int *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !src || !dst->data || !src->data || src->len < 0) {
         *err = 2;
         return 0;
@@ -159,6 +166,7 @@ int p_append_buf(scratchcb *dst, scratchcb *src, int *err)
 
 int palloc_scratch(scratchcb **handle, int size, int *err)
 {
+    err = zel::detail_slot(err);
     scratchcb *block = nullptr;
     if (!make_scratch(&block, handle, size, err))
         return 0;

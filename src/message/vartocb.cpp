@@ -3,6 +3,7 @@
 
 #include "message/index.h"
 #include "message/wire.h"
+#include "platform/detail_slot.h"
 #include "platform/memory.h"
 
 namespace zel::msg {
@@ -107,6 +108,7 @@ extern "C" {
 
 int zel_ctor_vartocb(vartocb **handle, int *err)
 {
+    err = zel::detail_slot(err);
     if (!handle) {
         *err = 1;
         return 0;
@@ -131,6 +133,7 @@ int zel_ctor_vartocb(vartocb **handle, int *err)
 
 int zel_dtor_vartocb(vartocb **handle, int *err)
 {
+    err = zel::detail_slot(err);
     vartocb *m = handle ? *handle : nullptr;
     if (!m) {
         *err = 1;
@@ -149,6 +152,7 @@ int zel_dtor_vartocb(vartocb **handle, int *err)
 
 int zel_clean_vartocb(vartocb **handle, int *err)
 {
+    err = zel::detail_slot(err);
     vartocb *m = handle ? *handle : nullptr;
     if (!m) {
         *err = 1;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -79,6 +80,7 @@ extern "C" {
 
 uint64_t sys_addr_parse(sPChar *addr, uint64_t, uint32_t *pos, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!addr || !addr->data || addr->len < 0 || !pos)
         return sys_fail(err, 5);
     const void *colon = std::memchr(addr->data, ':', static_cast<size_t>(addr->len));
@@ -90,6 +92,7 @@ uint64_t sys_addr_parse(sPChar *addr, uint64_t, uint32_t *pos, uint32_t *err)
 
 uint64_t sys_addr_convert_from_bin(sPChar *dst, uint32_t addr, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!dst || !dst->data || dst->len <= 0)
         return sys_fail(err, 5);
     unsigned char bytes[sizeof addr];
@@ -103,6 +106,7 @@ uint64_t sys_addr_convert_from_bin(sPChar *dst, uint32_t addr, uint32_t *err)
 
 uint64_t sys_get_local_address(char **dest, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!dest || !*dest)
         return sys_fail(err, 5);
     InterfaceList list;
@@ -123,6 +127,7 @@ uint64_t sys_get_local_address(char **dest, uint32_t *err)
 
 uint64_t sys_get_local_address_port(sPChar *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!out)
         return sys_fail(err, 5);
     InterfaceList list;

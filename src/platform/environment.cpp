@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -36,6 +37,7 @@ extern "C" {
 
 uint64_t sys_fetch_env_variable(sPChar *out, const char *name, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!name)
         return sys_fail(err, 3);
     if (!out)
@@ -52,6 +54,7 @@ uint64_t sys_fetch_env_variable(sPChar *out, const char *name, uint32_t *err)
 
 uint64_t sys_get_host_by_name(sPChar *user, sPChar *host, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!user || !host || user == host)
         return sys_fail(err, 5);
     // Both reads fill the shared buffer, so afterwards `user` points at the

@@ -2,6 +2,7 @@
 // answers for callers written against them, and do nothing else.
 #include <zel/descriptors.h>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -26,6 +27,7 @@ extern "C" {
 
 uint64_t sys_event_open(void **, const uint32_t *request, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!request)
         return sys_fail(err, 2);
     if (request[0] < first_event_kind || request[0] > last_event_kind)
@@ -35,21 +37,25 @@ uint64_t sys_event_open(void **, const uint32_t *request, uint32_t *err)
 
 uint64_t sys_event_close(void *event, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return answer_zero(event != nullptr, err);
 }
 
 uint64_t sys_event_delete(void *a, void *b, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return answer_zero(a && b, err);
 }
 
 uint64_t sys_event_insert(void *a, void *b, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return answer_zero(a && b, err);
 }
 
 uint64_t sys_event_get_current(void **out, void *current, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!out)
         return sys_fail(err, 2);
     *out = current;
@@ -58,11 +64,13 @@ uint64_t sys_event_get_current(void **out, void *current, uint32_t *err)
 
 uint64_t sys_event_get_first(void *, void *, void *c, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return answer_zero(c != nullptr, err);
 }
 
 uint64_t sys_event_get_next(void *, void *, void *c, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return answer_zero(c != nullptr, err);
 }
 

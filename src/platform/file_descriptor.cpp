@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/detail_slot.h"
 #include "platform/record_buffers.h"
 #include "platform/result.h"
 
@@ -304,6 +305,7 @@ extern "C" {
 
 uint64_t sys_fd_open(sFileDescriptor **handle, sFdOpenRequest *req, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !req)
         return sys_fail(err, 2);
     if (*handle)
@@ -329,6 +331,7 @@ uint64_t sys_fd_open(sFileDescriptor **handle, sFdOpenRequest *req, uint32_t *er
 
 uint64_t sys_fd_read(sFileDescriptor *fd, uint64_t, scratchcb *dst, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!fd || !dst)
         return sys_fail(err, 2);
     dst->len = 0;
@@ -344,6 +347,7 @@ uint64_t sys_fd_read(sFileDescriptor *fd, uint64_t, scratchcb *dst, uint32_t *er
 
 uint64_t sys_fd_read_buffer(sFileDescriptor *fd, uint64_t, scratchcb *dst, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!fd || !dst)
         return sys_fail(err, 2);
     if (fd->format != SYS_FD_RECORDS)
@@ -371,6 +375,7 @@ uint64_t sys_fd_read_buffer(sFileDescriptor *fd, uint64_t, scratchcb *dst, uint3
 
 uint64_t sys_fd_write(sFileDescriptor *fd, uint64_t, scratchcb *src, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!fd || !src)
         return sys_fail(err, 2);
     if (src->len < 0 || (src->len == 0 && fd->format == SYS_FD_WHOLE))
@@ -398,6 +403,7 @@ uint64_t sys_fd_write(sFileDescriptor *fd, uint64_t, scratchcb *src, uint32_t *e
 
 uint64_t sys_fd_close(sFileDescriptor **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     const uint32_t detail = release_descriptor(*handle);

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -255,6 +256,7 @@ extern "C" {
 
 uint64_t sys_log_open(sLogHandle **handle, sPChar *name, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     if (*handle)
@@ -279,6 +281,7 @@ uint64_t sys_log_open(sLogHandle **handle, sPChar *name, uint32_t *err)
 
 uint64_t sys_log(sLogHandle *log, uint32_t level, uint32_t *err, uint64_t, const char *format, ...)
 {
+    err = zel::detail_slot(err);
     if (!log || !format)
         return sys_fail(err, 2);
     char text[SYS_LOG_MESSAGE_MAX + 1];
@@ -310,6 +313,7 @@ uint64_t sys_log(sLogHandle *log, uint32_t level, uint32_t *err, uint64_t, const
 
 uint64_t sys_log_pm(sLogHandle *log, uint32_t, uint32_t count, uint32_t *tags, sPChar **values, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!log || !log->file)
         return sys_fail(err, 2);
     if (!build_record(log, count, tags, values, err))
@@ -319,6 +323,7 @@ uint64_t sys_log_pm(sLogHandle *log, uint32_t, uint32_t count, uint32_t *tags, s
 
 uint64_t sys_log_pm_net(sLogHandle *log, uint32_t, uint32_t count, uint32_t *tags, sPChar **values, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!log || !log->socket)
         return sys_fail(err, 2);
     if (!build_record(log, count, tags, values, err))
@@ -328,6 +333,7 @@ uint64_t sys_log_pm_net(sLogHandle *log, uint32_t, uint32_t count, uint32_t *tag
 
 uint64_t sys_log_close(sLogHandle **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     const uint32_t closed = release(*handle);

@@ -5,34 +5,41 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/detail_slot.h"
+
 extern "C" {
 
 uint64_t sys_init(uint32_t, uint64_t, uint64_t, uint32_t, uint64_t, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     *err = 0;
     return 1;
 }
 
 uint64_t sys_uninit(uint32_t *err)
 {
+    err = zel::detail_slot(err);
     *err = 0;
     return 1;
 }
 
 uint64_t zel_mem_open(uint64_t, uint64_t, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     *err = 0;
     return 1;
 }
 
 uint64_t mem_close(uint64_t, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     *err = 0;
     return 1;
 }
 
 uint64_t sys_mem_alloc(uint64_t, void **block, uint32_t *size, int32_t count, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (count <= 0 || !block) {
         *err = 5;
         return 0;
@@ -50,6 +57,7 @@ uint64_t sys_mem_alloc(uint64_t, void **block, uint32_t *size, int32_t count, ui
 
 uint64_t sys_mem_realloc(uint64_t, void **block, uint32_t *size, int32_t new_size, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!block || !*block || new_size <= 0) {
         *err = 5;
         return 0;
@@ -69,6 +77,7 @@ uint64_t sys_mem_realloc(uint64_t, void **block, uint32_t *size, int32_t new_siz
 
 uint64_t sys_mem_free(uint64_t, void **block, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!block || !*block) {
         *err = 5;
         return 0;

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 #include "platform/sys_block.h"
 
@@ -34,16 +35,19 @@ extern "C" {
 
 uint64_t sys_pd_read(sPipeDescriptor *pd, uint64_t a, uint64_t b, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return transfer(pd, direction_read, a, b, err);
 }
 
 uint64_t sys_pd_write(sPipeDescriptor *pd, uint64_t a, uint64_t b, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     return transfer(pd, direction_write, a, b, err);
 }
 
 uint64_t sys_pd_get_fd(sPipeDescriptor *pd, uint32_t *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!pd || !out)
         return sys_fail(err, 2);
     *out = uint32_t(pd->os_fd);
@@ -52,6 +56,7 @@ uint64_t sys_pd_get_fd(sPipeDescriptor *pd, uint32_t *out, uint32_t *err)
 
 uint64_t sys_pd_get_type(sPipeDescriptor *pd, uint32_t *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!pd || !out)
         return sys_fail(err, 2);
     *out = pd->direction;
@@ -60,6 +65,7 @@ uint64_t sys_pd_get_type(sPipeDescriptor *pd, uint32_t *out, uint32_t *err)
 
 uint64_t sys_pd_close(sPipeDescriptor **pd, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!pd || !*pd)
         return sys_fail(err, 2);
     SysBlock<sPipeDescriptor> record(*pd);
@@ -72,6 +78,7 @@ uint64_t sys_pd_close(sPipeDescriptor **pd, uint32_t *err)
 
 uint64_t sys_extd_open(int32_t **handle, int32_t *os_fd, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !os_fd)
         return sys_fail(err, 2);
     if (*handle)
@@ -88,6 +95,7 @@ uint64_t sys_extd_open(int32_t **handle, int32_t *os_fd, uint32_t *err)
 
 uint64_t sys_extd_close(int32_t **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     zel::SysBlockFree{}(*handle);

@@ -19,6 +19,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/detail_slot.h"
 #include "platform/record_buffers.h"
 #include "platform/result.h"
 
@@ -311,6 +312,7 @@ extern "C" {
 
 uint64_t sys_sd_open(void **handle, sSdOpenRequest *req, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !req)
         return sys_fail(err, 2);
     if (*handle)
@@ -336,6 +338,7 @@ uint64_t sys_sd_open(void **handle, sSdOpenRequest *req, uint32_t *err)
 
 uint64_t sys_sd_read(void *handle, uint64_t, scratchcb *dst, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     auto *sd = static_cast<RecordSocket *>(handle);
     if (!sd || !dst)
         return sys_fail(err, 2);
@@ -348,6 +351,7 @@ uint64_t sys_sd_read(void *handle, uint64_t, scratchcb *dst, uint32_t *err)
 
 uint64_t sys_sd_write(void *handle, uint64_t, scratchcb *src, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     auto *sd = static_cast<RecordSocket *>(handle);
     if (!sd || !src || (src->len > 0 && !src->data))
         return sys_fail(err, 2);
@@ -370,6 +374,7 @@ uint64_t sys_sd_write(void *handle, uint64_t, scratchcb *src, uint32_t *err)
 
 uint64_t sys_sd_close(void **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     std::unique_ptr<RecordSocket> sd(static_cast<RecordSocket *>(*handle));
@@ -379,6 +384,7 @@ uint64_t sys_sd_close(void **handle, uint32_t *err)
 
 uint64_t sys_sd_reconnt(void *handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     auto *sd = static_cast<RecordSocket *>(handle);
     if (!sd)
         return sys_fail(err, 2);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -40,6 +41,7 @@ extern "C" {
 
 uint64_t sys_system_call(sPChar *command, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_usable(command))
         return sys_fail(err, 5);
     const auto text = terminated_copy(*command);
@@ -50,6 +52,7 @@ uint64_t sys_system_call(sPChar *command, uint32_t *err)
 
 uint64_t sys_file_delete(sPChar *path, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_usable(path))
         return sys_fail(err, 5);
     const auto name = terminated_copy(*path);
@@ -60,6 +63,7 @@ uint64_t sys_file_delete(sPChar *path, uint32_t *err)
 
 uint64_t sys_file_rename(sPChar *old_path, sPChar *new_path, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_usable(old_path) || !is_usable(new_path))
         return sys_fail(err, 5);
     const auto from = terminated_copy(*old_path);

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <iterator>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 
 using zel::sys_fail;
@@ -154,6 +155,7 @@ extern "C" {
 
 uint64_t sys_get_time_of_day(sTimeRecord *t, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!t)
         return sys_fail(err, 5);
     return read_clock(t) ? sys_succeed(err) : sys_fail(err, 1);
@@ -161,6 +163,7 @@ uint64_t sys_get_time_of_day(sTimeRecord *t, uint32_t *err)
 
 uint64_t sys_time_get(sTimeRecord *t, uint32_t *sec, uint32_t *usec, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!t || !sec || !usec)
         return sys_fail(err, 5);
     *sec = t->sec;
@@ -170,6 +173,7 @@ uint64_t sys_time_get(sTimeRecord *t, uint32_t *sec, uint32_t *usec, uint32_t *e
 
 uint64_t sys_time_set(sTimeRecord *t, int32_t sec, int32_t usec, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!t || sec < 0 || usec < 0)
         return sys_fail(err, 5);
     t->sec = static_cast<uint32_t>(sec);
@@ -179,6 +183,7 @@ uint64_t sys_time_set(sTimeRecord *t, int32_t sec, int32_t usec, uint32_t *err)
 
 uint64_t sys_open_time_hndl(sTimeRecord **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     if (*handle)
@@ -192,6 +197,7 @@ uint64_t sys_open_time_hndl(sTimeRecord **handle, uint32_t *err)
 
 uint64_t sys_close_time_hndl(sTimeRecord **handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle || !*handle)
         return sys_fail(err, 2);
     void *record = *handle;
@@ -203,6 +209,7 @@ uint64_t sys_close_time_hndl(sTimeRecord **handle, uint32_t *err)
 
 uint64_t sys_record_time(sTimeRecord *handle, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     return read_clock(handle) ? sys_succeed(err) : sys_fail(err, 1);
@@ -210,6 +217,7 @@ uint64_t sys_record_time(sTimeRecord *handle, uint32_t *err)
 
 uint64_t sys_get_local_time(sTimeRecord *t, struct tm **out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     // Callers get a pointer, not a copy, so the result must outlive the call;
     // like the system's own shared result it is overwritten by the next
     // conversion, but only by one on the same thread.
@@ -224,6 +232,7 @@ uint64_t sys_get_local_time(sTimeRecord *t, struct tm **out, uint32_t *err)
 
 uint64_t sys_time_format(sTimeRecord *t, scratchcb *s, uint32_t code, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!t || !s)
         return sys_fail(err, 2);
     if (code < 1 || code > last_code || s->len < 0)

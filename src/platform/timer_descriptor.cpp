@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "platform/detail_slot.h"
 #include "platform/result.h"
 #include "platform/sys_block.h"
 
@@ -40,6 +41,7 @@ extern "C" {
 
 uint64_t sys_td_open(sTimerDescriptor **handle, double *interval, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!handle)
         return sys_fail(err, 2);
     if (*handle)
@@ -64,6 +66,7 @@ uint64_t sys_td_open(sTimerDescriptor **handle, double *interval, uint32_t *err)
 
 uint64_t sys_td_get_info(sTimerDescriptor *td, uint64_t *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_timer(td) || !out)
         return sys_fail(err, 2);
     std::memcpy(out, &td->record->interval, sizeof *out);
@@ -72,6 +75,7 @@ uint64_t sys_td_get_info(sTimerDescriptor *td, uint64_t *out, uint32_t *err)
 
 uint64_t sys_td_get_meters(sTimerDescriptor *td, sTimerMeters *out, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_timer(td) || !out)
         return sys_fail(err, 2);
     out->expiries = td->record->expiries;
@@ -82,6 +86,7 @@ uint64_t sys_td_get_meters(sTimerDescriptor *td, sTimerMeters *out, uint32_t *er
 
 uint64_t sys_td_set_meters(sTimerDescriptor *td, sTimerMeters *in, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_timer(td) || !in || !in->start)
         return sys_fail(err, 2);
     td->record->expiries = in->expiries;
@@ -91,6 +96,7 @@ uint64_t sys_td_set_meters(sTimerDescriptor *td, sTimerMeters *in, uint32_t *err
 
 uint64_t sys_td_close(sTimerDescriptor *td, uint32_t *err)
 {
+    err = zel::detail_slot(err);
     if (!is_timer(td))
         return sys_fail(err, 2);
     zel::SysBlockFree free_block;
