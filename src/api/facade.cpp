@@ -10,6 +10,7 @@
 #include "api/key_tags.h"
 #include "api/receive_window.h"
 #include "api/receiver_registry.h"
+#include "platform/detail_slot.h"
 
 namespace zel {
 
@@ -111,16 +112,15 @@ int refuse(int *err, int detail)
     return 0;
 }
 
-// Hands `call` a detail slot that is never null (the caller's, or a local
-// one when it passed none) and answers 1 when the engine operation
-// succeeded; without an engine it answers 0 and calls nothing.
+// Hands `call` a detail slot that is never null and answers 1 when the
+// engine operation succeeded; without an engine it answers 0 and calls
+// nothing.
 template <typename Call>
 int forward(CVartoEngine *engine, int *err, Call &&call)
 {
     if (!engine)
         return refuse(err, ZEL_DETAIL_NO_CONNECTION);
-    int unread = 0;
-    return call(err ? err : &unread) ? 1 : 0;
+    return call(zel::detail_slot(err)) ? 1 : 0;
 }
 
 } // namespace

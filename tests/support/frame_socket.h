@@ -103,9 +103,12 @@ private:
 // Listens on a free loopback port and hands out the connections it accepts.
 class FrameListener {
 public:
-    FrameListener()
+    // A `receive_buffer` other than 0 sets it for every connection accepted.
+    explicit FrameListener(int receive_buffer = 0)
     {
         fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (receive_buffer)
+            ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -5,6 +5,7 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,6 +61,9 @@ private:
         args.insert(args.end(), extra_.begin(), extra_.end());
         pid_ = ::fork();
         if (pid_ == 0) {
+            // A test that crashes must not leave its hub behind, holding the
+            // test's output pipe open and a later run waiting on it.
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::dup2(out[1], STDOUT_FILENO);
             ::close(out[0]);
             ::close(out[1]);

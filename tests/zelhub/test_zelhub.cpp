@@ -15,6 +15,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -459,6 +460,7 @@ int exit_status(std::vector<std::string> args)
     args.insert(args.begin(), ZELHUB_PATH);
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // an option taken by mistake must not leave a hub running
         int null = open("/dev/null", O_WRONLY);
         dup2(null, STDERR_FILENO);
         std::vector<char *> argv;
