@@ -2,7 +2,7 @@
 // exchange frames through a real zelhub. Routing (subscriptions, requests,
 // replies), clients dropped alone for garbage, oversized frames or for falling
 // behind, the bound on unanswered requests, no leak over many connections,
-// and the process's exit statuses.
+// the process's exit statuses, and the address book that the hub keeps.
 //
 // A client never waits for something to NOT arrive: each one subscribes to its
 // own fence message, and a fence sent after the message under test must be the
@@ -270,6 +270,8 @@ TEST(Requests, OverTheBoundAClientsOldestIsForgottenAndRepliesGoOldestFirst)
 {
     ZelhubProcess hub({"--max-pending", "3"});
     HubClient a{hub.port()}, b{hub.port()}, responder{hub.port()};
+    for (HubClient *client : {&a, &b, &responder})
+        client->sync(); // accepted by the hub, so forwarded the first request too
     auto ask = [&](HubClient &asker, HubClient &bystander, const std::string &number) {
         std::string request = named("service", {{32760, number}});
         asker.send(request);
@@ -455,14 +457,19 @@ TEST(Process, StopSignalsEndItWithStatusZero)
     }
 }
 
+// The hub's exit status; not an exit status when it starts serving instead.
 int exit_status(std::vector<std::string> args)
 {
     args.insert(args.begin(), ZELHUB_PATH);
+    int out[2];
+    if (pipe(out) != 0)
+        return -1;
     pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL); // an option taken by mistake must not leave a hub running
         int null = open("/dev/null", O_WRONLY);
         dup2(null, STDERR_FILENO);
+        dup2(out[1], STDOUT_FILENO);
         std::vector<char *> argv;
         for (auto &arg : args)
             argv.push_back(arg.data());
@@ -470,6 +477,13 @@ int exit_status(std::vector<std::string> args)
         execv(argv[0], argv.data());
         _exit(127);
     }
+    close(out[1]);
+    // A hub that says it listens would serve until stopped.
+    pollfd p{out[0], POLLIN, 0};
+    char c;
+    if (poll(&p, 1, int(patience().count())) <= 0 || read(out[0], &c, 1) > 0)
+        kill(pid, SIGKILL);
+    close(out[0]);
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -485,6 +499,132 @@ TEST(Process, BadOptionsExitWithStatusTwo)
     EXPECT_EQ(exit_status({"--stats"}), 2);
     EXPECT_EQ(exit_status({"--bind", "hub.example"}), 2);
     EXPECT_EQ(exit_status({"--verbose", "1"}), 2);
+}
+
+// ---- The address book -------------------------------------------------------------
+
+constexpr int key_tag = 10000, address_tag = 10046;
+
+std::string ask(const std::string &key)
+{
+    return named("mrv_ab", {{key_tag, key}});
+}
+std::string set_entry(const std::string &key, const std::string &address)
+{
+    return named("mrv_lb_set_info", {{key_tag, key}, {address_tag, address}});
+}
+std::string found(const std::string &address)
+{
+    return message({{address_tag, address}});
+}
+std::string not_found(const std::string &key)
+{
+    return message({{key_tag, key}});
+}
+
+TEST_F(Routing, AddressBookAnswersTheAskerAloneAndForwardsNothingFromOrToItsClient)
+{
+    HubClient book{hub.port()};
+    book.send(set_entry("printer", "printer-a:9100"));
+    book.send(ask("printer"));
+    EXPECT_EQ(book.receive(), found("printer-a:9100"));
+    book.send(set_entry("printer", "printer-b:9100"));
+    book.send(named("mrv_ab", {{key_tag, "printer"}, {address_tag, "not looked at"}}));
+    EXPECT_EQ(book.receive(), found("printer-b:9100"));
+    book.send(named("mrv_lb_unset_info", {{key_tag, "printer"}}));
+    book.send(ask("printer"));
+    EXPECT_EQ(book.receive(), not_found("printer"));
+    for (HubClient *other : {&a, &b, &c})
+        expect_nothing_more(book, *other);
+
+    std::string request = named("service", {{8, "question"}});
+    a.send(request);
+    EXPECT_EQ(b.receive(), request); // so `book` would be owed it by now
+    book.send(ask("printer"));
+    EXPECT_EQ(book.receive(), not_found("printer"));
+}
+
+TEST(AddressBook, RequestWithoutItsFieldsOrOverTheLengthIsRefusedAndItsClientDroppedAlone)
+{
+    const std::string longest(65536, 'x'), too_long(65537, 'x');
+    const std::pair<const char *, std::string> refused[] = {
+        {"ask without key", named("mrv_ab", {{address_tag, "a"}})},
+        {"set without address", named("mrv_lb_set_info", {{key_tag, "k"}})},
+        {"unset without key", named("mrv_lb_unset_info", {})},
+        {"key too long", set_entry(too_long, "a")},
+        {"address too long", set_entry("k", too_long)},
+    };
+    ZelhubProcess hub;
+    HubClient book{hub.port()}, bystander{hub.port()};
+    book.send(set_entry(longest, longest));
+    book.send(ask(longest));
+    EXPECT_EQ(book.receive(), found(longest));
+    for (const auto &[what, request] : refused) {
+        SCOPED_TRACE(what);
+        HubClient bad{hub.port()};
+        bad.send(request);
+        EXPECT_TRUE(bad.closed_by_hub());
+        book.send(ask("k"));
+        EXPECT_EQ(book.receive(), not_found("k"));
+        bystander.sync();
+    }
+}
+
+// A fresh directory, removed with all it holds at the end.
+struct TemporaryDirectory {
+    std::string path = std::filesystem::temp_directory_path() / "zelhub-test-XXXXXX";
+    TemporaryDirectory() { EXPECT_TRUE(mkdtemp(path.data())) << std::strerror(errno); }
+    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
+};
+
+TEST(AddressBook, EntriesOfAnyBytesOutliveAKilledHubInAFileReplacedWhole)
+{
+    const std::pair<std::string, std::string> entries[] = {
+        {"tab\there", "line\nbreak\r\n"},
+        {std::string("nul\0byte", 8), "back\\slash \\x41"},
+        {"caf\xc3\xa9 = key: 1", " spaced\x7f\xff"},
+        {"", "empty key"},
+        {"empty address", ""},
+    };
+    TemporaryDirectory dir;
+    const std::string file = dir.path + "/book";
+    ZelhubProcess hub({"--addrbook", file});
+    HubClient book{hub.port()};
+    book.send(set_entry("gone", "soon"));
+    book.send(ask("gone")); // answered once every change before it is on disk
+    EXPECT_EQ(book.receive(), found("soon"));
+    std::ifstream old_file(file); // a reader of the table as it is now
+    for (const auto &[key, address] : entries)
+        book.send(set_entry(key, address));
+    book.send(named("mrv_lb_unset_info", {{key_tag, "gone"}}));
+    book.send(ask("gone"));
+    EXPECT_EQ(book.receive(), not_found("gone"));
+    // It must see that table whole: a file written in place could also be
+    // left half written by a crash.
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old_file), {}), "zelhub address book 1\ngone\tsoon\n");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path), {}), 1) << "a temporary file is left";
+
+    hub.restart(); // by SIGKILL: the hub writes nothing on its way out
+    HubClient after{hub.port()};
+    for (const auto &[key, address] : entries) {
+        after.send(ask(key));
+        EXPECT_EQ(after.receive(), found(address)) << key;
+    }
+    after.send(ask("gone"));
+    EXPECT_EQ(after.receive(), not_found("gone"));
+}
+
+TEST(AddressBook, AFileThatCannotBeReadStopsTheHubWithStatusTwo)
+{
+    TemporaryDirectory dir;
+    EXPECT_EQ(exit_status({"--addrbook", dir.path}), 2);
+    const std::string file = dir.path + "/book";
+    for (const char *text : {"", "zelhub address book 2\n", "zelhub address book 1\nno tab\n",
+                             "zelhub address book 1\nk\t\\x4\n", "zelhub address book 1\nk\ta\tb\n",
+                             "zelhub address book 1\nk\t1\nk\t2\n"}) {
+        std::ofstream(file) << text;
+        EXPECT_EQ(exit_status({"--addrbook", file}), 2) << text;
+    }
 }
 
 } // namespace

@@ -20,6 +20,7 @@ struct Client {
     bool watching_output = false;   // EPOLLOUT registered: the socket was full
     bool flush_queued = false;      // already in this round's list of clients to write to
     bool dropped = false;           // gone for routing; its socket closes at the end of the round
+    bool uses_address_book = false; // asked the address book: is forwarded no requests
     int64_t requests_forgotten = 0; // over the bound of unanswered requests
 };
 

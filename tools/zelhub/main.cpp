@@ -1,6 +1,7 @@
 // zelhub: the hub that the library's clients connect to. It relays data
 // messages to their subscribers, requests to every other client and replies
-// back to the requester.
+// back to the requester, and keeps the address book that clients look
+// addresses up in.
 //
 // One process, one thread, one epoll loop: nothing in the program locks, and
 // nothing needs to say which thread it runs on.
@@ -15,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "address_book.h"
 #include "server.h"
 #include "socket_address.h"
 #include "transport/hub/framing.h"
@@ -25,14 +27,16 @@ void print_usage(FILE *to)
 {
     std::fprintf(to,
                  "usage: zelhub [--port N] [--bind ADDR] [--max-backlog BYTES] [--max-total-backlog BYTES]\n"
-                 "              [--max-frame BYTES] [--max-pending N] [--stats SECONDS]\n"
+                 "              [--max-frame BYTES] [--max-pending N] [--stats SECONDS] [--addrbook FILE]\n"
                  "  --max-backlog BYTES        a client owed more unsent bytes is dropped (default 64 MiB)\n"
                  "  --max-total-backlog BYTES  when all clients together are owed more, the one owed the most\n"
                  "                             is dropped (default 256 MiB)\n"
                  "  --max-frame BYTES          a client sending a larger frame, its 4-byte length included, is\n"
                  "                             dropped (default 16 MiB)\n"
                  "  --max-pending N            a client's unanswered requests kept for routing replies; past\n"
-                 "                             that its oldest is forgotten (default 65536)\n");
+                 "                             that its oldest is forgotten (default 65536)\n"
+                 "  --addrbook FILE            keep the address book in FILE, read at start and written at\n"
+                 "                             every change (default: in memory only)\n");
 }
 
 template <typename Number>
@@ -83,6 +87,8 @@ bool parse_options(int argc, char **argv, zelhub::Options &options)
             understood = parse_number(value, 1, 1 << 30, options.max_pending);
         else if (name == "--stats")
             understood = parse_number(value, 1, 1000000, options.stats_seconds);
+        else if (name == "--addrbook")
+            understood = !(options.address_book = std::string(value)).empty();
         if (!understood)
             return false;
     }
@@ -115,6 +121,12 @@ int main(int argc, char **argv)
         print_usage(stderr);
         return 2;
     }
+    // A table that is there but unreadable must not be served as an empty one.
+    zelhub::AddressBook address_book(options.address_book);
+    if (std::string error; !address_book.load(error)) {
+        std::fprintf(stderr, "zelhub: %s\n", error.c_str());
+        return 2;
+    }
     // A client that vanishes mid-write must not end the hub (sends also pass
     // MSG_NOSIGNAL), nor must a closed standard output.
     signal(SIGPIPE, SIG_IGN);
@@ -125,7 +137,7 @@ int main(int argc, char **argv)
     }
     int status = 0;
     {
-        zelhub::Server server(options, stop_fd);
+        zelhub::Server server(options, stop_fd, address_book);
         std::string error;
         if (server.open(error))
             server.run();

@@ -14,6 +14,12 @@ MessageKind kind_of(const vartocb *m)
             return MessageKind::subscribe;
         if (name == "unsubscribe")
             return MessageKind::unsubscribe;
+        if (name == "mrv_ab")
+            return MessageKind::address_lookup;
+        if (name == "mrv_lb_set_info")
+            return MessageKind::address_set;
+        if (name == "mrv_lb_unset_info")
+            return MessageKind::address_unset;
     }
     // A reply may carry a name as well; the reply field is what makes it one.
     if (has_field(m, reply_tag))

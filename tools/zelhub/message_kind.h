@@ -9,7 +9,9 @@
 namespace zelhub {
 
 constexpr int name_tag = 0;
+constexpr int address_key_tag = 10000;
 constexpr int device_name_tag = 10002;
+constexpr int address_tag = 10046;
 constexpr int request_number_tag = 32760;
 constexpr int reply_tag = 32767;
 
@@ -21,6 +23,10 @@ enum class MessageKind {
     data,    // no name: goes to the subscribers
     request, // a name we do not handle ourselves: goes to every other client
     reply,   // goes back to the client that sent the request
+    // The address book, which the hub keeps itself.
+    address_lookup, // mrv_ab: answered to the asker alone
+    address_set,    // mrv_lb_set_info
+    address_unset,  // mrv_lb_unset_info
 };
 
 inline bool has_field(const vartocb *m, int tag)

@@ -13,9 +13,10 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <span>
 
-#include "message_kind.h"
 #include "socket_address.h"
+#include "system_error.h"
 #include "transport/hub/framing.h"
 
 namespace zelhub {
@@ -67,15 +68,26 @@ std::string_view socket_error()
     return errno == ECONNRESET || errno == EPIPE ? std::string_view() : std::string_view(std::strerror(errno));
 }
 
-std::string system_error(const char *what)
+// Why an address-book request is refused; empty when it is served. Only the
+// fields it needs are looked at: a lookup may carry an address as well.
+std::string address_book_refusal(const vartocb *m, MessageKind kind)
 {
-    return std::string(what) + ": " + std::strerror(errno);
+    const int needed[] = {address_key_tag, address_tag};
+    std::string request = "sent \"" + std::string(first_value(m, name_tag)) + "\"";
+    for (int tag : std::span(needed, kind == MessageKind::address_set ? 2 : 1)) {
+        if (!has_field(m, tag))
+            return request + " without field " + std::to_string(tag);
+        if (size_t size = first_value(m, tag).size(); size > AddressBook::longest_value)
+            return request + " with " + std::to_string(size) + " bytes in field " + std::to_string(tag) +
+                   ", more than " + std::to_string(AddressBook::longest_value);
+    }
+    return {};
 }
 
 } // namespace
 
-Server::Server(Options options, int stop_fd)
-    : options_(std::move(options)), stop_fd_(stop_fd), pending_(options_.max_pending)
+Server::Server(Options options, int stop_fd, AddressBook &address_book)
+    : options_(std::move(options)), stop_fd_(stop_fd), pending_(options_.max_pending), address_book_(address_book)
 {
 }
 
@@ -116,7 +128,7 @@ bool Server::open(std::string &error)
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
         listen(listen_fd_, SOMAXCONN) != 0) {
-        error = system_error(("listen on " + address_text(address)).c_str());
+        error = system_error("listen on " + address_text(address));
         return false;
     }
     if (!add_to_epoll(epoll_fd_, listen_fd_, EPOLLIN, listener_token) ||
@@ -290,7 +302,8 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
         drop(sender, "sent a message that does not parse (detail " + std::to_string(err) + ")");
         return;
     }
-    switch (kind_of(parsed_)) {
+    MessageKind kind = kind_of(parsed_);
+    switch (kind) {
     case MessageKind::device_name:
         sender.name = first_value(parsed_, device_name_tag);
         return;
@@ -321,7 +334,40 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
     case MessageKind::reply:
         route_reply(frame, frame_size);
         return;
+    case MessageKind::address_lookup:
+    case MessageKind::address_set:
+    case MessageKind::address_unset:
+        serve_address_book(sender, kind);
+        return;
     }
+}
+
+// Clients of the address book connect, ask and leave: they are not parties
+// to the hub's traffic, so no request is forwarded to them.
+void Server::serve_address_book(Client &client, MessageKind kind)
+{
+    client.uses_address_book = true;
+    if (std::string why = address_book_refusal(parsed_, kind); !why.empty()) {
+        drop(client, why);
+        return;
+    }
+    std::string_view key = first_value(parsed_, address_key_tag);
+    if (kind == MessageKind::address_set)
+        address_book_.set(key, first_value(parsed_, address_tag));
+    else if (kind == MessageKind::address_unset)
+        address_book_.unset(key);
+    else
+        answer_lookup(client, key);
+}
+
+// A known key is answered with its address alone, an unknown one with the
+// key alone, which tells the asker it was not found.
+void Server::answer_lookup(Client &client, std::string_view key)
+{
+    const std::string *address = address_book_.find(key);
+    std::string reply = address ? zel::hub::make_frame({{address_tag, *address}})
+                                : zel::hub::make_frame({{address_key_tag, key}});
+    send_to(client.id, reply.data(), int32_t(reply.size()));
 }
 
 // Logged the first time for a client and then each time its count doubles,
@@ -358,7 +404,7 @@ void Server::route_reply(const char *frame, int32_t frame_size)
 void Server::send_to_others(Client &sender, const char *frame, int32_t frame_size)
 {
     for (const auto &client : clients_)
-        if (client && client.get() != &sender)
+        if (client && client.get() != &sender && !client->uses_address_book)
             send_to(client->id, frame, frame_size);
 }
 

@@ -13,7 +13,9 @@
 #include <string_view>
 #include <vector>
 
+#include "address_book.h"
 #include "client.h"
+#include "message_kind.h"
 #include "pending_requests.h"
 #include "subscriptions.h"
 
@@ -27,6 +29,7 @@ struct Options {
     int64_t max_frame = 16 * 1024 * 1024;          // bytes of one frame a client sends, header included
     int max_pending = 65536;                       // unanswered requests kept per client
     int stats_seconds = 0;                         // 0: no periodic counters
+    std::string address_book;                      // its file; empty: in memory only
 };
 
 struct Counters {
@@ -40,7 +43,7 @@ struct Counters {
 
 class Server {
 public:
-    Server(Options options, int stop_fd);
+    Server(Options options, int stop_fd, AddressBook &address_book);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -58,6 +61,8 @@ private:
     bool refuse_oversized(Client &client, int64_t frame_size);
     void handle_message(Client &sender, const char *frame, int32_t length);
     void count_forgotten_request(Client &client);
+    void serve_address_book(Client &client, MessageKind kind);
+    void answer_lookup(Client &client, std::string_view key);
     void route_reply(const char *frame, int32_t length);
     void send_to_others(Client &sender, const char *frame, int32_t length);
     void send_to(ClientId id, const char *frame, int32_t length);
@@ -91,6 +96,7 @@ private:
     vartocb *parsed_ = nullptr; // one parse record, reused for every message
     Subscriptions subscriptions_;
     PendingRequests pending_;
+    AddressBook &address_book_;
     Counters counters_;
 };
 
