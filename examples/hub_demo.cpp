@@ -121,6 +121,29 @@ void print_meters(const char *who, CZelEngine &engine)
                 (unsigned long long)m.counters[14]);
 }
 
+// The hub also keeps the address book: the publisher files where its quote
+// service runs, anyone looks the name up, and the entry goes again.
+bool address_book_round(int port)
+{
+    std::string hub = "127.0.0.1:" + std::to_string(port), name = "quote-service", where = "127.0.0.1:9100";
+    sPChar service{hub.data(), int32_t(hub.size())}, key{name.data(), int32_t(name.size())},
+        address{where.data(), int32_t(where.size())};
+    uint32_t err = 0;
+    std::printf("the address book: \"%s\" is filed as %s\n", name.c_str(), where.c_str());
+    p_addr_update_addrbk(&key, nullptr, &service, &address, nullptr, &err);
+    setenv("PL_LOC_BROK_ADDR", hub.c_str(), 1); // where lookups find the address book
+    sPChar found[2] = {};
+    bool ok = p_addr_local_addrbk_lookup(&key, found, &err) == 1;
+    if (ok) {
+        std::printf("  looked up: %.*s\n", found[0].len, found[0].data);
+        pchar_destroy_mem(&found[0], nullptr);
+    }
+    p_addr_remove_addrbk(&key, nullptr, &service, &err);
+    ok = ok && p_addr_local_addrbk_lookup(&key, found, &err) == 0 && err == 3;
+    std::printf("  removed: a lookup now answers detail %u (no such key)\n", err);
+    return ok;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -189,10 +212,12 @@ int main(int argc, char **argv)
     print_meters("subscriber", subscriber);
     print_meters("publisher", publisher);
 
+    bool looked_up = address_book_round(port);
+
     zel_close_scratch(&quotes.reply, &err);
     zel_close_scratch(&message, &err);
     zel_dtor_vartocb(&builder, &err);
-    if (!replied || !delivered) {
+    if (!replied || !delivered || !looked_up) {
         std::fprintf(stderr, "the demo did not see everything it expected\n");
         return 1;
     }

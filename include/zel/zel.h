@@ -9,6 +9,7 @@
 #include "containers.h"
 #include "descriptors.h"
 #include "config.h"
+#include "addrbk.h"
 #include "log.h"
 #include "engine.h"
 

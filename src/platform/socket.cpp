@@ -21,6 +21,7 @@
 
 #include "platform/detail_slot.h"
 #include "platform/record_buffers.h"
+#include "platform/record_socket.h"
 #include "platform/result.h"
 
 using zel::ensure_capacity;
@@ -394,3 +395,12 @@ uint64_t sys_sd_reconnt(void *handle, uint32_t *err)
 }
 
 } // extern "C"
+
+bool zel::sd_bound_read_wait(void *handle, int ms)
+{
+    auto *sd = static_cast<RecordSocket *>(handle);
+    if (!sd || sd->fd.get() < 0)
+        return false;
+    timeval wait{ms / 1000, (ms % 1000) * 1000};
+    return setsockopt(sd->fd.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) == 0;
+}
