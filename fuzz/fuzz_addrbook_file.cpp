@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const std::string path = "/tmp/fuzz_addrbook_" + std::to_string(getpid());
     if (FILE *file = std::fopen(path.c_str(), "wb")) {
-        std::fwrite(data, 1, size, file);
+        if (size > 0) // an empty input may come with no bytes at all
+            std::fwrite(data, 1, size, file);
         std::fclose(file);
     }
     std::string error;
