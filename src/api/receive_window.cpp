@@ -13,12 +13,10 @@
 #include "api/alert.h"
 #include "api/batch_buffer.h"
 #include "api/engine_interface.h"
+#include "message/fields.h"
 
 namespace {
 
-constexpr int reply_tag = 32767;
-constexpr int request_number_tag = 32760;
-constexpr int service_name_tag = 0;
 
 // Counters of the meters, by position.
 enum Meter {
@@ -71,19 +69,13 @@ private:
     std::vector<CZelReceiver *> more_;
 };
 
-const sVartoItem *first_item(const vartocb *msg, int tag)
-{
-    const sVartoSlot &slot = msg->slots[tag];
-    return slot.count > 0 ? &slot.first : nullptr;
-}
-
 bool matches(const sWatchData &watch, const vartocb *msg)
 {
     for (size_t k = 0; k < watch.tags.size(); ++k) {
         int tag = watch.tags[k];
         if (tag < 0 || tag >= ZEL_TAG_SLOTS)
             return false;
-        const sVartoItem *item = first_item(msg, tag);
+        const sVartoItem *item = zel::field::first_item(msg, tag);
         if (!item)
             return false;
         const std::string &wanted = watch.values[k];
@@ -275,10 +267,10 @@ void CIntRxWnd::dispatch_one(vartocb *msg)
 {
     ++delivered_;
     count(messages_seen);
-    if (first_item(msg, reply_tag)) {
+    if (zel::field::first_item(msg, zel::field::reply)) {
         complete_reply(msg);
         count(replies);
-    } else if (first_item(msg, service_name_tag)) {
+    } else if (zel::field::first_item(msg, zel::field::name)) {
         serve_request(msg);
         count(service_requests);
     } else {
@@ -289,32 +281,31 @@ void CIntRxWnd::dispatch_one(vartocb *msg)
 
 void CIntRxWnd::complete_reply(vartocb *msg)
 {
-    std::vector<const sVartoItem *> numbers;
-    for (const sVartoItem *item = first_item(msg, request_number_tag); item; item = item->next)
-        numbers.push_back(item);
-    // The last request number carried is the most recent hop: try it first.
-    for (auto item = numbers.rbegin(); item != numbers.rend(); ++item) {
+    sAddWatchData *request = nullptr;
+    zel::field::take_request_number_last_first(msg, reply_numbers_, [&](const sVartoItem &item) {
         uint64_t number = 0;
-        if (!parse_request_number(**item, &number))
-            continue;
+        if (!parse_request_number(item, &number))
+            return false;
         auto found = std::find_if(pending_.rbegin(), pending_.rend(),
                                   [number](const sAddWatchData *r) { return r->request_number == number; });
         if (found == pending_.rend())
-            continue;
-        sAddWatchData *request = *found;
+            return false;
+        request = *found;
         pending_.erase(std::next(found).base());
-        if (CZelReceiver::isRegistered(request->receiver)) {
-            int err = 0;
-            call_receiver([&] { request->receiver->processReply(msg, ZEL_KIND_REPLY, request, request->context, &err); });
-        }
-        delete request;
+        return true;
+    });
+    if (!request)
         return;
+    if (CZelReceiver::isRegistered(request->receiver)) {
+        int err = 0;
+        call_receiver([&] { request->receiver->processReply(msg, ZEL_KIND_REPLY, request, request->context, &err); });
     }
+    delete request;
 }
 
 void CIntRxWnd::serve_request(vartocb *msg)
 {
-    const sVartoItem *name = first_item(msg, service_name_tag);
+    const sVartoItem *name = zel::field::first_item(msg, zel::field::name);
     sPChar key{name->data, name->len};
     void *found = nullptr;
     int err = 0;

@@ -124,6 +124,7 @@ private:
     std::vector<sWatchData *> watches_;          // null: removed during a dispatch
     int dispatch_depth_ = 0;                     // guarded by lock_
     std::vector<sAddWatchData *> pending_;
+    std::vector<const sVartoItem *> reply_numbers_; // of the reply in hand
     std::list<std::string> service_names_;       // the service table's keys
     bool parsing_ = false;                        // parsed_ is in use
     int handling_depth_ = 0;                      // calls of handle() on the stack

@@ -7,14 +7,13 @@
 #include <vector>
 
 #include "message/append.h"
+#include "message/fields.h"
 #include "message/wire.h"
 
 namespace zel {
 
 namespace {
 
-constexpr int service_name_tag = 0;
-constexpr int request_number_tag = 32760;
 
 // An unsubscribe request is its subscribe request with the name field's
 // value "subscribe" (9 bytes at offset 12) replaced by "unsubscribe".
@@ -61,7 +60,7 @@ std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, in
 
     sPChar name{const_cast<char *>("subscribe"), 9};
     scratch->len = 0;
-    if (!zel_start_msg(builder, scratch, err) || !zel_add_data(builder, service_name_tag, 1, &name, err))
+    if (!zel_start_msg(builder, scratch, err) || !zel_add_data(builder, field::name, 1, &name, err))
         return nullptr;
     auto watch = std::make_unique<sWatchData>();
     for (auto &[tag, value] : keys) {
@@ -92,8 +91,8 @@ std::unique_ptr<sAddWatchData> prepare_request(scratchcb *request, CZelReceiver 
     uint64_t number = request_number(receiver);
     int count = 0;
     if (!wire::holds_one_message(request->data, request->len) ||
-        !append_field(request, request_number_tag, std::to_string(number), err) ||
-        !zel_parse_msg(parser, request, err) || !zel_get_field(parser, service_name_tag, &count, err) || count < 1) {
+        !append_field(request, field::request_number, std::to_string(number), err) ||
+        !zel_parse_msg(parser, request, err) || !zel_get_field(parser, field::name, &count, err) || count < 1) {
         *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return nullptr;
     }

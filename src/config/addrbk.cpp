@@ -13,19 +13,18 @@
 #include <string>
 #include <utility>
 
+#include "message/fields.h"
 #include "platform/detail_slot.h"
 #include "platform/record_socket.h"
 #include "platform/result.h"
 
+namespace field = zel::field;
 using zel::sys_fail;
 using zel::sys_succeed;
 
 namespace {
 
-constexpr int name_tag = 0;
-constexpr int key_tag = 10000;
 constexpr int second_kind_tag = 10003;
-constexpr int address_tag = 10046;
 constexpr int third_first_tag = 32750;
 constexpr int first_second_tag = 32771;
 constexpr int second_second_tag = 32772;
@@ -67,7 +66,7 @@ public:
         sPChar value = text(name);
         return check(zel_ctor_vartocb(&parsed_, &detail_) && zel_open_scratch(&bytes_, request_buffer_size, &detail_) &&
                          zel_start_msg(parsed_, bytes_, &detail_) &&
-                         zel_add_data(parsed_, name_tag, 1, &value, &detail_),
+                         zel_add_data(parsed_, field::name, 1, &value, &detail_),
                      err);
     }
     bool add(int tag, sPChar *value, uint32_t *err)
@@ -133,10 +132,26 @@ uint64_t send_request(void *sd, const char *name, std::initializer_list<std::pai
     return request.send(sd, err) ? sys_succeed(err) : 0;
 }
 
-// Closes `sd` when it goes out of scope, whatever the path.
+// The service address from a holder, PL_LOC_BROK_ADDR filling an empty one.
+std::string service_address(sPChar *holder)
+{
+    if (!holder->data) {
+        uint32_t ignored;
+        sys_fetch_env_variable(holder, service_variable, &ignored);
+    }
+    return std::string(holder->data ? holder->data : "", size_t(holder->data ? holder->len : 0));
+}
+
+// A connection to the service, closed when it goes out of scope.
 class Connection {
 public:
-    bool open(sPChar *address, uint32_t *err) { return p_addr_connect_to_addrbk(&sd_, address, err) != 0; }
+    // Connects to the service in `holder`.
+    bool open(sPChar *holder, uint32_t *err)
+    {
+        std::string address = service_address(holder);
+        sPChar where{address.data(), int32_t(address.size())};
+        return p_addr_connect_to_addrbk(&sd_, &where, err) != 0;
+    }
     ~Connection()
     {
         uint32_t ignored;
@@ -148,16 +163,6 @@ public:
 private:
     void *sd_ = nullptr;
 };
-
-// The service address from a holder, PL_LOC_BROK_ADDR filling an empty one.
-std::string service_address(sPChar *holder)
-{
-    if (!holder->data) {
-        uint32_t ignored;
-        sys_fetch_env_variable(holder, service_variable, &ignored);
-    }
-    return std::string(holder->data ? holder->data : "", size_t(holder->data ? holder->len : 0));
-}
 
 // An owned copy of `tag`'s first value in the reply, (null, 0) for an empty
 // or absent one.
@@ -183,7 +188,7 @@ bool has_field(vartocb *reply, int tag)
 // Maps a reply into the caller's pairs: all of it, or, on failure, nothing.
 bool map_reply(vartocb *reply, sPChar *pair1, sPChar *pair2, sPChar *pair3, uint32_t *kind, uint32_t *err)
 {
-    if (!has_field(reply, address_tag))
+    if (!has_field(reply, field::address))
         return sys_fail(err, 3);
     struct Target {
         int tag;
@@ -191,7 +196,7 @@ bool map_reply(vartocb *reply, sPChar *pair1, sPChar *pair2, sPChar *pair3, uint
     };
     Target targets[6];
     size_t count = 0;
-    targets[count++] = {address_tag, &pair2[0]};
+    targets[count++] = {field::address, &pair2[0]};
     if (pair3)
         targets[count++] = {third_first_tag, &pair3[0]}; // (null, 0) when absent
     bool second_kind = has_field(reply, second_kind_tag);
@@ -248,14 +253,12 @@ uint64_t p_addr_get_details_from_addrbk(sPChar *key, sPChar *pair1, sPChar *pair
     err = zel::detail_slot(err);
     if (!key || !pair2)
         return sys_fail(err, 2);
-    sPChar unset{};
-    std::string address = service_address(&unset);
-    sPChar service{address.data(), int32_t(address.size())};
+    sPChar from_environment{};
     Connection connection;
-    if (!connection.open(&service, err))
+    if (!connection.open(&from_environment, err))
         return sys_fail(err, 7);
     Message exchange;
-    if (!exchange.start("mrv_ab", err) || !exchange.add(key_tag, key, err))
+    if (!exchange.start("mrv_ab", err) || !exchange.add(field::address_key, key, err))
         return 0;
     exchange.send(connection.sd(), err);
     if (!exchange.receive(connection.sd(), reply_wait_ms(), err) || !exchange.parse(err))
@@ -273,10 +276,8 @@ uint64_t p_addr_update_addrbk(sPChar *key, void *, sPChar *service, sPChar *addr
     err = zel::detail_slot(err);
     if (!key || !service || !address)
         return sys_fail(err, 2);
-    std::string copy = service_address(service);
-    sPChar where{copy.data(), int32_t(copy.size())};
     Connection connection;
-    if (!connection.open(&where, err))
+    if (!connection.open(service, err))
         return 0;
     return p_addrbk_update_request(connection.sd(), address, key, err) ? sys_succeed(err) : 0;
 }
@@ -286,10 +287,8 @@ uint64_t p_addr_remove_addrbk(sPChar *key, void *, sPChar *service, uint32_t *er
     err = zel::detail_slot(err);
     if (!key || !service)
         return sys_fail(err, 2);
-    std::string copy = service_address(service);
-    sPChar where{copy.data(), int32_t(copy.size())};
     Connection connection;
-    if (!connection.open(&where, err))
+    if (!connection.open(service, err))
         return 0;
     uint32_t ignored;
     p_addrbk_remove_request(connection.sd(), key, &ignored);
@@ -299,19 +298,19 @@ uint64_t p_addr_remove_addrbk(sPChar *key, void *, sPChar *service, uint32_t *er
 uint64_t p_addrbk_request(void *sd, sPChar *address, sPChar *key, uint32_t *err)
 {
     err = zel::detail_slot(err);
-    return send_request(sd, "mrv_ab", {{key_tag, key}, {address_tag, address}}, err);
+    return send_request(sd, "mrv_ab", {{field::address_key, key}, {field::address, address}}, err);
 }
 
 uint64_t p_addrbk_update_request(void *sd, sPChar *address, sPChar *key, uint32_t *err)
 {
     err = zel::detail_slot(err);
-    return send_request(sd, "mrv_lb_set_info", {{key_tag, key}, {address_tag, address}}, err);
+    return send_request(sd, "mrv_lb_set_info", {{field::address_key, key}, {field::address, address}}, err);
 }
 
 uint64_t p_addrbk_remove_request(void *sd, sPChar *key, uint32_t *err)
 {
     err = zel::detail_slot(err);
-    return send_request(sd, "mrv_lb_unset_info", {{key_tag, key}}, err);
+    return send_request(sd, "mrv_lb_unset_info", {{field::address_key, key}}, err);
 }
 
 } // extern "C"

@@ -4,8 +4,8 @@ namespace zelhub {
 
 MessageKind kind_of(const vartocb *m)
 {
-    if (has_field(m, name_tag)) {
-        std::string_view name = first_value(m, name_tag);
+    if (has_field(m, field::name)) {
+        std::string_view name = first_value(m, field::name);
         if (name == "set_device_aka")
             return MessageKind::device_name;
         if (name == "varto_heartbeat")
@@ -22,9 +22,9 @@ MessageKind kind_of(const vartocb *m)
             return MessageKind::address_unset;
     }
     // A reply may carry a name as well; the reply field is what makes it one.
-    if (has_field(m, reply_tag))
+    if (has_field(m, field::reply))
         return MessageKind::reply;
-    return has_field(m, name_tag) ? MessageKind::request : MessageKind::data;
+    return has_field(m, field::name) ? MessageKind::request : MessageKind::data;
 }
 
 } // namespace zelhub

@@ -6,14 +6,11 @@
 
 #include <string_view>
 
+#include "message/fields.h"
+
 namespace zelhub {
 
-constexpr int name_tag = 0;
-constexpr int address_key_tag = 10000;
-constexpr int device_name_tag = 10002;
-constexpr int address_tag = 10046;
-constexpr int request_number_tag = 32760;
-constexpr int reply_tag = 32767;
+namespace field = zel::field;
 
 enum class MessageKind {
     device_name, // set_device_aka: the sender tells its name, for our log lines

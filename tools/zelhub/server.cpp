@@ -72,8 +72,8 @@ std::string_view socket_error()
 // fields it needs are looked at: a lookup may carry an address as well.
 std::string address_book_refusal(const vartocb *m, MessageKind kind)
 {
-    const int needed[] = {address_key_tag, address_tag};
-    std::string request = "sent \"" + std::string(first_value(m, name_tag)) + "\"";
+    const int needed[] = {field::address_key, field::address};
+    std::string request = "sent \"" + std::string(first_value(m, field::name)) + "\"";
     for (int tag : std::span(needed, kind == MessageKind::address_set ? 2 : 1)) {
         if (!has_field(m, tag))
             return request + " without field " + std::to_string(tag);
@@ -305,7 +305,7 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
     MessageKind kind = kind_of(parsed_);
     switch (kind) {
     case MessageKind::device_name:
-        sender.name = first_value(parsed_, device_name_tag);
+        sender.name = first_value(parsed_, field::device_name);
         return;
     case MessageKind::heartbeat:
         ++counters_.heartbeats;
@@ -324,8 +324,8 @@ void Server::handle_message(Client &sender, const char *message, int32_t length)
         return;
     case MessageKind::request:
         // Relays add their own number after the sender's: the last one is this hop's.
-        if (has_field(parsed_, request_number_tag)) {
-            const sVartoItem *last = parsed_->slots[request_number_tag].last;
+        if (has_field(parsed_, field::request_number)) {
+            const sVartoItem *last = parsed_->slots[field::request_number].last;
             if (pending_.remember(std::string_view(last->data, size_t(last->len)), sender.id))
                 count_forgotten_request(sender);
         }
@@ -351,9 +351,9 @@ void Server::serve_address_book(Client &client, MessageKind kind)
         drop(client, why);
         return;
     }
-    std::string_view key = first_value(parsed_, address_key_tag);
+    std::string_view key = first_value(parsed_, field::address_key);
     if (kind == MessageKind::address_set)
-        address_book_.set(key, first_value(parsed_, address_tag));
+        address_book_.set(key, first_value(parsed_, field::address));
     else if (kind == MessageKind::address_unset)
         address_book_.unset(key);
     else
@@ -365,8 +365,8 @@ void Server::serve_address_book(Client &client, MessageKind kind)
 void Server::answer_lookup(Client &client, std::string_view key)
 {
     const std::string *address = address_book_.find(key);
-    std::string reply = address ? zel::hub::make_frame({{address_tag, *address}})
-                                : zel::hub::make_frame({{address_key_tag, key}});
+    std::string reply = address ? zel::hub::make_frame({{field::address, *address}})
+                                : zel::hub::make_frame({{field::address_key, key}});
     send_to(client.id, reply.data(), int32_t(reply.size()));
 }
 
@@ -386,19 +386,15 @@ void Server::count_forgotten_request(Client &client)
 // the first; the first one somebody waits for decides.
 void Server::route_reply(const char *frame, int32_t frame_size)
 {
-    const sVartoSlot &slot = parsed_->slots[request_number_tag];
-    numbers_.clear();
-    const sVartoItem *item = &slot.first;
-    for (int i = 0; i < slot.count && item; ++i, item = item->next)
-        numbers_.push_back(item);
-    for (auto number = numbers_.rbegin(); number != numbers_.rend(); ++number) {
-        ClientId requester = pending_.take(std::string_view((*number)->data, size_t((*number)->len)));
-        if (requester >= 0) {
-            send_to(requester, frame, frame_size);
-            return;
-        }
-    }
-    ++counters_.replies_unrouted;
+    ClientId requester = -1;
+    field::take_request_number_last_first(parsed_, numbers_, [&](const sVartoItem &number) {
+        requester = pending_.take(std::string_view(number.data, size_t(number.len)));
+        return requester >= 0;
+    });
+    if (requester >= 0)
+        send_to(requester, frame, frame_size);
+    else
+        ++counters_.replies_unrouted;
 }
 
 void Server::send_to_others(Client &sender, const char *frame, int32_t frame_size)

@@ -8,12 +8,6 @@ namespace zelhub {
 
 namespace {
 
-const sVartoItem *first_item(const vartocb *m, int tag)
-{
-    const sVartoSlot &slot = m->slots[tag];
-    return slot.count > 0 ? &slot.first : nullptr;
-}
-
 size_t anchor_of(const KeyList &keys)
 {
     auto with_value = std::find_if(keys.begin(), keys.end(), [](const Key &k) { return !k.value.empty(); });
@@ -35,7 +29,7 @@ KeyList Subscriptions::keys_of(const vartocb *m)
     KeyList keys;
     for (int i = 0; i < m->tag_count; ++i) {
         int tag = m->tags[i];
-        if (tag != name_tag)
+        if (tag != field::name)
             keys.push_back({tag, std::string(first_value(m, tag))});
     }
     return keys;
@@ -126,7 +120,7 @@ void Subscriptions::match(const vartocb *m, std::vector<ClientId> &clients)
 
 void Subscriptions::visit_anchor(int tag, const Anchor &anchor, const vartocb *m, std::vector<ClientId> &clients)
 {
-    const sVartoItem *item = first_item(m, tag);
+    const sVartoItem *item = field::first_item(m, tag);
     if (!item)
         return;
     offer(anchor.any_value, m, clients);
@@ -149,7 +143,7 @@ void Subscriptions::offer(const Shelf &shelf, const vartocb *m, std::vector<Clie
 bool Subscriptions::matches(const Subscription &s, const vartocb *m)
 {
     for (const Key &key : s.keys) {
-        const sVartoItem *item = first_item(m, key.tag);
+        const sVartoItem *item = field::first_item(m, key.tag);
         if (!item)
             return false;
         if (!key.value.empty() &&

@@ -18,6 +18,7 @@
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
+#include "message/fields.h"
 #include "transport/hub/framing.h"
 
 namespace {
@@ -54,7 +55,7 @@ unsigned doubled_delay_ms(unsigned delay)
 
 CHubworker::CHubworker(HubSettings settings)
     : settings_(std::move(settings)), reconnect_delay_ms_(base_delay_ms()), received_(receive_buffer_size),
-      heartbeat_frame_(zel::hub::make_frame({{0, "varto_heartbeat"}}))
+      heartbeat_frame_(zel::hub::make_frame({{zel::field::name, "varto_heartbeat"}}))
 {
 }
 
@@ -77,7 +78,8 @@ int CHubworker::serve()
     discard_unsent();
     received_used_ = 0;
     std::string name = settings_.window ? settings_.window->instance_text() : std::string();
-    sender_.queue_frame(zel::hub::make_frame({{0, "set_device_aka"}, {10002, name}}));
+    sender_.queue_frame(
+        zel::hub::make_frame({{zel::field::name, "set_device_aka"}, {zel::field::device_name, name}}));
     closed_.store(0, std::memory_order_release);
     reportStatus(100, "connection success");
     end_first_attempt(connected_once);
