@@ -72,10 +72,8 @@ private:
 bool matches(const sWatchData &watch, const vartocb *msg)
 {
     for (size_t k = 0; k < watch.tags.size(); ++k) {
-        int tag = watch.tags[k];
-        if (tag < 0 || tag >= ZEL_TAG_SLOTS)
-            return false;
-        const sVartoItem *item = zel::field::first_item(msg, tag);
+        // A watch's tags were valid to build its subscribe request with.
+        const sVartoItem *item = zel::field::first_item(msg, watch.tags[k]);
         if (!item)
             return false;
         const std::string &wanted = watch.values[k];
@@ -137,12 +135,6 @@ uint32_t CIntRxWnd::on_status()
     return id;
 }
 
-uint32_t CIntRxWnd::unknown_req()
-{
-    static const uint32_t id = zel::register_message("VARTO{BDC6DCA5-DF9C-4C1D-BE8D-6440939B7F71}_UNKNOWN_REQ");
-    return id;
-}
-
 CIntRxWnd::CIntRxWnd() : monitor_(*this)
 {
     int err = 0;
@@ -167,17 +159,6 @@ CIntRxWnd::~CIntRxWnd()
 }
 
 // ---- Worker side ----------------------------------------------------------
-
-void CIntRxWnd::post_block(const char *bytes, int32_t len, int32_t messages)
-{
-    zel::wait_for_batch_room();
-    auto *batch = new zel::BatchBuffer;
-    if (!batch->append(bytes, len, messages)) {
-        delete batch;
-        return;
-    }
-    post_batch(batch);
-}
 
 void CIntRxWnd::post_batch(zel::BatchBuffer *batch)
 {
@@ -222,19 +203,16 @@ void CIntRxWnd::handle_message(uint32_t message, intptr_t lparam)
             listener_->statusChange(status(), &err);
         return;
     }
-    if (message != on_msg() && message != unknown_req())
+    if (message != on_msg())
         return;
     auto *batch = reinterpret_cast<zel::BatchBuffer *>(lparam);
     if (orphaned_) {
         delete batch;
         return;
     }
-    bool locked = message == on_msg();
-    if (locked)
-        batch->take();
+    batch->take();
     dispatch(batch->bytes(), batch->length(), batch->messages());
-    if (locked)
-        batch->release();
+    batch->release();
     delete batch;
 }
 

@@ -25,19 +25,14 @@ class CZelEngine;
 
 class CIntRxWnd : public zel::MessageTarget {
 public:
-    // Process-wide ids of the three registered messages.
+    // Process-wide ids of the registered messages.
     static uint32_t on_msg();
     static uint32_t on_status();
-    static uint32_t unknown_req();
 
     CIntRxWnd();
     ~CIntRxWnd() override;
 
     // ---- Worker side: any thread ------------------------------------------
-    // Counts the bytes, waits for batch room, and posts the bytes of
-    // `messages` whole messages as one batch. A zero-length block is posted
-    // too (it is dropped, silently, on delivery).
-    void post_block(const char *bytes, int32_t len, int32_t messages = 1);
     // Counts the bytes and posts a batch the worker filled itself (after
     // waiting for batch room); the window owns it from here.
     void post_batch(zel::BatchBuffer *batch);

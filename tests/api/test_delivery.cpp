@@ -17,6 +17,7 @@
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
+#include "support/batches.h"
 #include "support/messages.h"
 
 namespace {
@@ -89,7 +90,7 @@ protected:
     // Posts from this thread, then pumps until the queue is empty.
     void deliver(const std::string &bytes, int messages = 1)
     {
-        window.post_block(bytes.data(), int32_t(bytes.size()), messages);
+        zel::test::post_block(window, bytes.data(), int32_t(bytes.size()), messages);
         pump_all();
     }
     std::vector<uint64_t> meters()
@@ -117,7 +118,7 @@ TEST_F(Delivery, WorkerBatchesReachTheWatchOnThePumpingThreadInOrder)
     std::thread worker([&] {
         for (int i = 0; i < count; ++i) {
             std::string m = msg5("m" + std::to_string(i));
-            window.post_block(m.data(), int32_t(m.size()));
+            zel::test::post_block(window, m.data(), int32_t(m.size()));
         }
     });
     for (int handled = 0; handled < count;)
@@ -259,7 +260,7 @@ TEST_F(Delivery, AnUnparsableBatchRaisesOneAlertAfterDeliveringTheWholeMessagesB
     auto doomed = std::make_unique<CIntRxWnd>();
     doomed->add_watch(new sWatchData{{5}, {""}, &r, nullptr, "", ""});
     std::string m = msg5("x");
-    doomed->post_block(m.data(), int32_t(m.size()));
+    zel::test::post_block(*doomed, m.data(), int32_t(m.size()));
     EXPECT_EQ(zel::BatchBuffer::live(), live_at_start + 1);
     doomed.reset();
     pump_all();
@@ -300,7 +301,7 @@ TEST_F(Delivery, MetersCountAKnownSequenceAndResetToZero)
     add(&r, {5}, {"x"});
     const std::string watched = msg5("x") + msg5("y"), served = msg({{0, "quotes"}}) + msg({{0, "nobody"}}),
                       reply = msg({{32767, "r"}, {32760, "1"}});
-    window.post_block(watched.data(), int32_t(watched.size()), 2);
+    zel::test::post_block(window, watched.data(), int32_t(watched.size()), 2);
     EXPECT_EQ(meters()[13], watched.size()); // counted on arrival...
     pump_all();
     EXPECT_EQ(meters()[13], 2 * watched.size()); // ...and again on dispatch

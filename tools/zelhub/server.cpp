@@ -211,15 +211,16 @@ void Server::accept_clients()
         socklen_t length = sizeof address;
         int fd = accept4(listen_fd_, reinterpret_cast<sockaddr *>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED)
-                continue;
-            if (errno == EMFILE || errno == ENFILE) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                return;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 // The pending connection would wake us forever: wait for a client to leave.
                 std::fprintf(stderr, "zelhub: %s; not accepting until a client leaves\n",
                              system_error("accept").c_str());
                 pause_accepting(true);
+                return;
             }
-            return;
+            continue; // that one connection failed (aborted, refused, interrupted): the next may not
         }
         int on = 1; // forwarded frames are already batched per round; do not delay them further
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "api/alert.h"
 #include "api/receive_window.h"
 #include "api/requests.h"
 #include "message/wire.h"
@@ -10,13 +11,9 @@
 namespace {
 
 // Counters of the meters an engine keeps, by position.
-enum Meter {
-    requests_sent_a = 7,
-    requests_sent_b = 9,
-    worker_counter = 14,
-    requests_sent_c = 16,
-    discarded_frames = 18
-};
+enum Meter { worker_counter = 14, discarded_frames = 18 };
+// Three counters keep the same count of requests sent.
+constexpr int requests_sent[] = {7, 9, 16};
 
 bool holds_one_message(const scratchcb *message)
 {
@@ -34,8 +31,10 @@ CHubEngine::CHubEngine(CIntRxWnd *window)
 {
     int err = 0;
     set_window(window);
-    zel_ctor_vartocb(&parsed_, &err);
-    zel_open_scratch(&scratch_, 4096, &err);
+    if (!zel_ctor_vartocb(&parsed_, &err))
+        zel::alert("Vartocb ctor failed");
+    if (!zel_open_scratch(&scratch_, 4096, &err))
+        zel::alert("ScratchCb open failed");
 }
 
 CHubEngine::~CHubEngine()
@@ -47,9 +46,10 @@ CHubEngine::~CHubEngine()
     zel_dtor_vartocb(&parsed_, &err);
 }
 
+// Up, and with the buffers every request is built in.
 bool CHubEngine::connected() const
 {
-    return window()->status() == ZEL_STATUS_CONNECTED && worker_;
+    return window()->status() == ZEL_STATUS_CONNECTED && worker_ && parsed_ && scratch_;
 }
 
 int CHubEngine::create_connection(std::string description, int, std::string, std::string, std::string,
@@ -92,7 +92,7 @@ int CHubEngine::addRqDontStore(void **request, void *message, CZelReceiver *rece
     auto pending = zel::prepare_request(built, receiver, context, parsed_, err);
     if (!pending)
         return 0;
-    for (int counter : {requests_sent_a, requests_sent_b, requests_sent_c})
+    for (int counter : requests_sent)
         window()->count(counter);
     switch (worker_->send(built->data, built->len)) {
     case CHubworker::SendResult::queued:

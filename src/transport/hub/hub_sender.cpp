@@ -6,6 +6,7 @@
 
 #include <limits>
 
+#include "api/alert.h"
 #include "transport/hub/framing.h"
 
 namespace {
@@ -23,7 +24,12 @@ void zel::hub::clear_send_buffer(std::string &buffer)
         buffer.clear();
 }
 
-CHubSender::CHubSender() : wake_fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+CHubSender::CHubSender() : wake_fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+{
+    // Without it everything still leaves, at the worker's next turn.
+    if (wake_fd_ < 0)
+        zel::alert("No event descriptor for a hub connection: what it sends waits for the worker's next turn");
+}
 
 CHubSender::~CHubSender()
 {

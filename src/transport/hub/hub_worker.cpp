@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -77,6 +78,7 @@ int CHubworker::serve()
     // connection left queued is dropped.
     discard_unsent();
     received_used_ = 0;
+    frames_waiting_ = false;
     std::string name = settings_.window ? settings_.window->instance_text() : std::string();
     sender_.queue_frame(
         zel::hub::make_frame({{zel::field::name, "set_device_aka"}, {zel::field::device_name, name}}));
@@ -133,7 +135,8 @@ bool CHubworker::wait_until_connected()
             return false;
         }
         pollfd p{socket_, POLLOUT, 0};
-        if (::poll(&p, 1, turn_ms) == 0)
+        int ready = ::poll(&p, 1, turn_ms);
+        if (ready == 0 || (ready < 0 && errno == EINTR))
             continue;
         int error = 0;
         socklen_t size = sizeof error;
@@ -163,7 +166,8 @@ int CHubworker::receive()
         }
         if (waits[1].revents & POLLIN)
             sender_.drain_wakes();
-        if ((waits[0].revents & (POLLIN | POLLHUP | POLLERR)) && !read_available(&error))
+        bool readable = waits[0].revents & (POLLIN | POLLHUP | POLLERR);
+        if ((readable || frames_waiting_) && !read_available(&error))
             break;
         if (!flush(&error))
             break;
@@ -177,18 +181,28 @@ int CHubworker::receive()
 // connection is over (peer closed, broken stream, or an error).
 bool CHubworker::read_available(int *error)
 {
-    ssize_t n = ::recv(socket_, received_.data() + received_used_, received_.size() - received_used_, 0);
-    if (n == 0) {
-        *error = ECONNRESET;
-        return false;
-    }
-    if (n < 0) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETIMEDOUT || errno == EINTR)
+    // A buffer full of frames that wait for a batch is not read into.
+    if (received_used_ < received_.size()) {
+        ssize_t n = ::recv(socket_, received_.data() + received_used_, received_.size() - received_used_, 0);
+        if (n == 0) {
+            *error = ECONNRESET;
+            return false;
+        }
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ETIMEDOUT && errno != EINTR) {
+            *error = errno;
+            return false;
+        }
+        if (n < 0 && !frames_waiting_)
             return true;
-        *error = errno;
-        return false;
+        received_used_ += size_t(std::max<ssize_t>(n, 0));
     }
-    received_used_ += size_t(n);
+    return hand_on_frames(error);
+}
+
+// Posts the whole frames at the front of the buffer and drops them from it.
+// False when the stream is broken.
+bool CHubworker::hand_on_frames(int *error)
+{
     int64_t payload = 0;
     int32_t messages = 0;
     auto measure = [&](const char *, int32_t length) {
@@ -196,8 +210,11 @@ bool CHubworker::read_available(int *error)
         messages += length > 0;
     };
     zel::hub::Cut cut = zel::hub::cut_frames(received_.data(), int64_t(received_used_), measure);
-    if (messages > 0)
-        post_frames(cut.consumed, payload);
+    // Frames that no batch could be made for stay at the front: every pass
+    // tries them again until memory allows, and nothing read is lost.
+    frames_waiting_ = messages > 0 && !post_frames(cut.consumed, payload);
+    if (frames_waiting_)
+        return true;
     if (cut.broken) {
         *error = EPROTO;
         return false;
@@ -210,22 +227,24 @@ bool CHubworker::read_available(int *error)
 }
 
 // The `framed` bytes of whole frames at the front of the buffer go to the
-// application thread in one batch of `payload` message bytes.
+// application thread in one batch of `payload` message bytes; false when no
+// batch could be made (the buffer has raised its alert).
 // Empty frames carry no message and are skipped.
-void CHubworker::post_frames(int64_t framed, int64_t payload)
+bool CHubworker::post_frames(int64_t framed, int64_t payload)
 {
     if (!settings_.window)
-        return;
+        return true;
     zel::wait_for_batch_room();
     auto batch = std::make_unique<zel::BatchBuffer>();
-    bool complete = batch->reserve(int32_t(payload));
-    auto append = [&](const char *message, int32_t length) {
-        if (complete && length > 0)
-            complete = batch->append(message, length, 1);
-    };
-    zel::hub::cut_frames(received_.data(), framed, append);
-    if (complete)
-        settings_.window->post_batch(batch.release());
+    if (!batch->reserve(int32_t(payload)))
+        return false;
+    // Reserved: the appends cannot fail.
+    zel::hub::cut_frames(received_.data(), framed, [&](const char *message, int32_t length) {
+        if (length > 0)
+            batch->append(message, length, 1);
+    });
+    settings_.window->post_batch(batch.release());
+    return true;
 }
 
 // Writes what the sender queued, as far as the socket takes it now.

@@ -65,7 +65,8 @@ private:
     bool wait_until_connected();
     void connection_lost(int error);
     bool read_available(int *error);
-    void post_frames(int64_t framed, int64_t payload);
+    bool hand_on_frames(int *error);
+    bool post_frames(int64_t framed, int64_t payload);
     bool flush(int *error);
     void close_socket();
     void discard_unsent();
@@ -82,6 +83,7 @@ private:
     bool reconnect_timer_armed_ = false;
     std::vector<char> received_;   // bytes read and not yet framed
     size_t received_used_ = 0;
+    bool frames_waiting_ = false;  // whole frames at the front that no batch could be made for
     std::string unsent_;           // taken from the sender, not yet written
     size_t unsent_offset_ = 0;
     std::atomic<uint64_t> sent_bytes_{0};

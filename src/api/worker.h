@@ -1,0 +1,67 @@
+// The worker base: what every transport's worker shares. It owns the
+// connection on a thread of its own, reads from it, reports its status to the
+// connection monitor and recovers a lost connection on its worker loop.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "api/worker_loop.h"
+
+class CVartoEngine;
+class CVartoSpy;
+
+class CVartoWorker {
+public:
+    // Where the connection stands: connecting for the first time, first
+    // attempt failed (recovery goes on), connected at least once.
+    enum ConnectionState { first_attempt = -1, first_attempt_failed = 0, connected_once = 1 };
+
+    CVartoWorker() = default;
+    virtual ~CVartoWorker() = default;
+    CVartoWorker(const CVartoWorker &) = delete;
+    CVartoWorker &operator=(const CVartoWorker &) = delete;
+
+    // Hands a report to the monitor, or, once a stop is requested, ends the
+    // worker's loop instead. @locality worker thread
+    virtual int reportStatus(int level, std::string text);
+    // Connects, then receives until the connection ends.
+    virtual int serve() = 0;
+    // Re-establishes a lost connection.
+    virtual int recover() = 0;
+    // Reads what the transport has and hands it on.
+    virtual int receive() = 0;
+    // A non-zero `code` starts recovery and is reported as "<text> : <code>".
+    virtual int onError(int code, const char *text);
+    virtual int sendHeartbeat() = 0;
+    // The thread body: serve, then acknowledge a stop request.
+    virtual int run();
+    // Interrupts the worker's wait so that it notices new work or a stop at
+    // once. @locality any thread
+    virtual int wake() = 0;
+    // A timer armed on loop() has expired. @locality worker thread
+    virtual void timer_fired(unsigned id);
+
+    int setMonitor(CVartoSpy *monitor);
+    CVartoSpy *monitor() const { return monitor_; }
+    zel::WorkerLoop &loop() { return loop_; }
+
+    int connection_state() const { return connection_state_.load(std::memory_order_acquire); }
+    // Leaves first_attempt for `state`; later calls change nothing.
+    void end_first_attempt(ConnectionState state);
+    bool finished() const { return finished_.load(std::memory_order_acquire); }
+
+    // The engine whose stop request this worker obeys; null without monitor.
+    CVartoEngine *engine() const;
+    // Whether that engine asks this worker to stop. @locality any thread
+    bool stop_requested() const;
+
+private:
+    friend class CVartoEngine;
+    void thread_main();
+
+    CVartoSpy *monitor_ = nullptr;
+    zel::WorkerLoop loop_;
+    std::atomic<int> connection_state_{first_attempt};
+    std::atomic<bool> finished_{false};
+};
