@@ -267,31 +267,23 @@ TEST_F(Delivery, AnUnparsableBatchRaisesOneAlertAfterDeliveringTheWholeMessagesB
     EXPECT_TRUE(calls.empty()); // TearDown checks that the buffer is gone
 }
 
-TEST(BackPressure, WaitsFrom3001LiveBatchesUntilBelow1000AtMost100Pauses)
+TEST(BackPressure, AWorkerWaitsFrom3001LiveBatchesUntilFewerThan1000AndNeverForEver)
 {
     std::vector<std::unique_ptr<zel::BatchBuffer>> held;
     auto fill_to = [&](int32_t n) {
         while (zel::BatchBuffer::live() < n)
             held.push_back(std::make_unique<zel::BatchBuffer>());
     };
-    int pauses = 0;
     fill_to(3000);
-    EXPECT_EQ(zel::wait_for_batch_room([&] { ++pauses; }), 0);
+    EXPECT_EQ(zel::wait_for_batch_room([] {}), 0);
     fill_to(3001);
-    EXPECT_EQ(zel::wait_for_batch_room([&] { ++pauses; }), 100); // nothing frees: gives up
-    EXPECT_EQ(pauses, 100);
-    pauses = 0;
-    // Each pause frees 500: the counts read are 3001, 2501, ..., 1001, 501;
-    // the pause after reading 501 is the last.
-    int made = zel::wait_for_batch_room([&] {
-        ++pauses;
-        held.resize(held.size() > 500 ? held.size() - 500 : 0);
-    });
-    EXPECT_EQ(made, pauses);
-    EXPECT_EQ(pauses, 6);
+    EXPECT_GT(zel::wait_for_batch_room([] {}), 0); // nothing is freed, and still it goes on
+    // The application frees 100 batches during each wait: the worker goes on
+    // once it has read fewer than 1000, after the pause that follows the
+    // read, and not later.
+    zel::wait_for_batch_room([&] { held.resize(held.size() - 100); });
     EXPECT_LT(zel::BatchBuffer::live(), 1000);
-    fill_to(3001); // the pauses bring the count read to 1000, which is not below, then 999, which is
-    EXPECT_EQ(zel::wait_for_batch_room([&] { held.resize(held.size() - size_t(std::max(zel::BatchBuffer::live() - 1000, 1))); }), 3);
+    EXPECT_GE(zel::BatchBuffer::live(), 800);
 }
 
 TEST_F(Delivery, MetersCountAKnownSequenceAndResetToZero)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 
@@ -257,6 +258,32 @@ TEST_F(Hub, AKilledHubIsLostThenRecoveringAndARestartedOneGetsTheWatchesBack)
     EXPECT_EQ(subscriber.statuses.seen.back(), ZEL_STATUS_CONNECTED);
 }
 
+TEST_F(Hub, AMessageLargerThanTheReceiveBufferLeavesAndArrivesWhole)
+{
+    Client subscriber(hub.port(), "subscriber"), publisher(hub.port(), "publisher");
+    Recorder big;
+    Sync sync;
+    subscriber.watch({5}, {""}, &big);
+    sync.arm(subscriber);
+    sync.round_trip(subscriber);
+    std::string value(200 * 1024, 'v');
+    ASSERT_EQ(publisher.send({{5, value}}), 1);
+    ASSERT_TRUE(pump_until([&] { return !big.messages.empty(); }));
+    EXPECT_EQ(big.messages[0], "5 1 " + value + " ");
+    EXPECT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED}); // never dropped
+}
+
+TEST(HubSender, AQueuedMessageWakesTheWorkerAtOnce)
+{
+    CHubSender sender;
+    pollfd woken{sender.wake_fd(), POLLIN, 0};
+    EXPECT_EQ(::poll(&woken, 1, 0), 0);
+    sender.queue_message("x");
+    EXPECT_EQ(::poll(&woken, 1, 0), 1);
+    sender.drain_wakes();
+    EXPECT_EQ(::poll(&woken, 1, 0), 0);
+}
+
 TEST_F(Hub, ABrokenRecordIsRefusedAndTheConnectionLivesOn)
 {
     Client subscriber(hub.port(), "subscriber"), publisher(hub.port(), "publisher");
@@ -447,19 +474,55 @@ TEST(StalledHub, FillsTheSendQueueToItsBoundAndWhatALostConnectionHeldIsCounted)
 }
 
 // A monitor that also keeps every report text.
+// A monitor that also keeps every report text, and the delay each failed
+// recovery attempt armed.
 struct ReportLog : CVartoSpy {
     using CVartoSpy::CVartoSpy;
+    const CHubEngine *engine = nullptr;
     std::vector<std::string> texts;
+    std::vector<unsigned> retry_delays;
     std::mutex lock;
     int report(int level, std::string_view text) override
     {
         {
             std::lock_guard<std::mutex> guard(lock);
             texts.emplace_back(text);
+            if (engine && text == "recovery attempt failed, trying again")
+                retry_delays.push_back(engine->worker()->reconnect_delay_ms());
         }
         return CVartoSpy::report(level, text);
     }
+    size_t retries()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return retry_delays.size();
+    }
 };
+
+TEST(Outages, EachOutageStartsItsReconnectDelayAfresh)
+{
+    ::setenv("ZEL_RECONNECT_BASE_MS", "5", 1);
+    ::setenv("ZEL_RECONNECT_MAX_MS", "100000", 1);
+    zel::test::ZelhubProcess hub;
+    CIntRxWnd window;
+    ReportLog reports(window);
+    CHubEngine engine(&window);
+    window.set_engine(&engine);
+    reports.engine = &engine;
+    ASSERT_EQ(engine.create_connection("127.0.0.1@" + std::to_string(hub.port()), 0, "", "", "", &reports), 1);
+    for (int outage = 0; outage < 2; ++outage) {
+        ASSERT_TRUE(pump_until([&] { return window.status() == ZEL_STATUS_CONNECTED; }));
+        hub.stop(SIGKILL);
+        size_t before = reports.retries();
+        ASSERT_TRUE(pump_until([&] { return reports.retries() >= before + 3; }));
+        hub.restart();
+    }
+    std::lock_guard<std::mutex> guard(reports.lock);
+    auto &delays = reports.retry_delays;
+    size_t second = std::find(delays.begin() + 1, delays.end(), delays[0]) - delays.begin();
+    ASSERT_LT(second, delays.size()); // the second outage began at the first one's delay again
+    EXPECT_EQ(std::vector<unsigned>(delays.begin(), delays.begin() + 3), (std::vector<unsigned>{10, 20, 40}));
+}
 
 TEST(NoHub, EveryAttemptFailingEndsTheWorkerAfterTheBudget)
 {

@@ -178,11 +178,12 @@ TEST_F(Routing, DataGoesOnceToEachMatchingSubscriberIncludingTheSender)
 
 TEST_F(Routing, MatchingUsesTheFirstValueAndAnAnyValueKeyStillNeedsItsField)
 {
-    b.subscribe({{5, "x"}, {6, ""}});
+    b.subscribe({{5, "x"}, {6, ""}, {7, "z"}});
     b.sync();
-    a.send(message({{5, "x"}}));                       // no field 6
-    a.send(message({{5, "y"}, {5, "x"}, {6, "v"}})); // x is not the first value
-    std::string wanted = message({{5, "x"}, {6, "anything"}});
+    a.send(message({{5, "x"}, {7, "z"}}));                        // no field 6
+    a.send(message({{5, "y"}, {5, "x"}, {6, "v"}, {7, "z"}}));    // x is not the first value
+    a.send(message({{5, "x"}, {6, "v"}, {7, "q"}, {7, "z"}}));    // nor is z, past the first key
+    std::string wanted = message({{5, "x"}, {6, "anything"}, {7, "z"}});
     a.send(wanted);
     EXPECT_EQ(b.receive(), wanted);
     expect_nothing_more(a, b);
@@ -257,11 +258,11 @@ TEST_F(Routing, ReplyNumbersAreTriedFromTheLast)
     EXPECT_EQ(b.receive(), from_c);
     EXPECT_EQ(c.receive(), from_b);
 
-    std::string reply = message({{32760, "9"}, {32760, "10"}, {32767, ""}});
-    a.send(reply); // to c, who waits for the last number
-    a.send(reply); // then to b: nobody waits for 10 any more
-    EXPECT_EQ(c.receive(), reply);
-    EXPECT_EQ(b.receive(), reply);
+    auto reply = [](const std::string &text) { return message({{32760, "9"}, {32760, "10"}, {32767, ""}, {8, text}}); };
+    a.send(reply("first")); // to c, who waits for the last number
+    a.send(reply("second")); // then to b: nobody waits for 10 any more
+    EXPECT_EQ(c.receive(), reply("first"));
+    EXPECT_EQ(b.receive(), reply("second"));
     expect_nothing_more(a, b);
     expect_nothing_more(a, c);
 }
@@ -366,6 +367,35 @@ bool publish_until_one_is_dropped(ZelhubProcess &hub, int descriptors, HubClient
             return true;
     }
     return false;
+}
+
+TEST(Faults, ABurstLargerThanTheSocketBuffersReachesASlowReaderWhole)
+{
+    ZelhubProcess hub;
+    HubClient publisher{hub.port()}, slow{hub.port(), 4096};
+    slow.subscribe({{5, ""}});
+    slow.sync();
+    std::string data = message({{5, "x"}, {6, std::string(4000, 'd')}});
+    for (int i = 0; i < 2000; ++i) // 8 MB, read by nobody until all is sent
+        publisher.send(data);
+    publisher.send(slow.fence());
+    int arrived = 0;
+    while (slow.receive() == data)
+        ++arrived;
+    EXPECT_EQ(arrived, 2000);
+}
+
+TEST(Faults, TheBacklogBoundCountsTheFrameBeingAdded)
+{
+    ZelhubProcess hub({"--max-backlog", "1000"});
+    HubClient publisher{hub.port()}, subscriber{hub.port()};
+    subscriber.subscribe({{5, ""}});
+    subscriber.sync();
+    std::string fits = message({{5, std::string(900, 'f')}});
+    publisher.send(fits);
+    EXPECT_EQ(subscriber.receive(), fits);
+    publisher.send(message({{5, std::string(1000, 'o')}})); // alone over the bound
+    EXPECT_TRUE(subscriber.closed_by_hub());
 }
 
 TEST(Faults, StalledSubscriberIsDroppedAloneAtTheBacklogBound)

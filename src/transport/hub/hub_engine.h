@@ -35,6 +35,8 @@ public:
     int closeChannel(int *err) override;
     void rebind(const sWatchData &watch) override;
 
+    const CHubworker *worker() const { return worker_.get(); }
+
 private:
     bool connected() const;
     int remove_watches(const std::function<bool(const sWatchData &)> &match);

@@ -47,6 +47,8 @@ public:
 
     void enable_heartbeat(long interval_ms);
     uint64_t sent_bytes() const { return sent_bytes_.load(std::memory_order_relaxed); }
+    // The wait before the next reconnect attempt. @locality worker thread
+    unsigned reconnect_delay_ms() const { return reconnect_delay_ms_; }
     // Frames discarded unsent because their connection dropped.
     uint64_t discarded_frames() const { return discarded_frames_.load(std::memory_order_relaxed); }
     void reset_counters()
