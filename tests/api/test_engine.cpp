@@ -11,8 +11,6 @@
 #include <vector>
 
 #include "api/engine_factory.h"
-#include "api/key_tags.h"
-#include "api/requests.h"
 #include "scripted_transport.h"
 
 namespace {
@@ -267,83 +265,6 @@ TEST_F(Worker, OnceAStopIsRequestedReportsNoLongerChangeTheStatus)
     EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
     owned.reset(); // stops the worker, which then reports the connection gone
     EXPECT_EQ(window.status(), ZEL_STATUS_CONNECTED);
-}
-
-TEST(Requests, AWatchKeepsItsKeysSortedAndCarriesItsSubscribeAndUnsubscribeRequests)
-{
-    int err = 0;
-    vartocb *builder = nullptr, *reader = nullptr;
-    scratchcb *scratch = nullptr;
-    zel_ctor_vartocb(&builder, &err);
-    zel_ctor_vartocb(&reader, &err);
-    zel_open_scratch(&scratch, 16, &err);
-    int tags[] = {5, 2, 9, 2};
-    sPChar values[] = {{const_cast<char *>("five"), 4}, {const_cast<char *>("two"), 3}, {nullptr, 0},
-                       {const_cast<char *>("again"), -1}};
-    int context = 0;
-    auto watch = zel::make_watch(tags, values, 4, nullptr, &context, builder, scratch, &err);
-    ASSERT_TRUE(watch) << err;
-    EXPECT_EQ(watch->tags, (std::vector<int>{2, 2, 5, 9}));
-    EXPECT_EQ(watch->values, (std::vector<std::string>{"two", "", "five", ""}));
-    EXPECT_EQ(watch->context, &context);
-
-    auto admin = [&](const std::string &bytes) {
-        scratchcb in{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()),
-                     const_cast<char *>(bytes.data())};
-        scratchcb *text = nullptr;
-        zel_open_scratch(&text, 64, &err);
-        EXPECT_EQ(zel_parse_msg(reader, &in, &err), 1);
-        varto_to_admin(reader, text, &err);
-        std::string out(text->data, size_t(text->len));
-        zel_close_scratch(&text, &err);
-        return out;
-    };
-    EXPECT_EQ(admin(watch->subscribe), "0 1 subscribe 2 1 two 2 0 5 1 five 9 0 ");
-    EXPECT_EQ(admin(watch->unsubscribe), "0 1 unsubscribe 2 1 two 2 0 5 1 five 9 0 ");
-    EXPECT_EQ(watch->unsubscribe.size(), watch->subscribe.size() + 2);
-
-    int bad_tag = 70000;
-    EXPECT_FALSE(zel::make_watch(&bad_tag, values, 1, nullptr, nullptr, builder, scratch, &err));
-    EXPECT_FALSE(zel::make_watch(nullptr, values, 1, nullptr, nullptr, builder, scratch, &err));
-    EXPECT_EQ(err, 2);
-    zel_close_scratch(&scratch, &err);
-    zel_dtor_vartocb(&reader, &err);
-    zel_dtor_vartocb(&builder, &err);
-}
-
-TEST(Requests, ARequestIsStampedWithItsReceiversNumberAndNeedsAName)
-{
-    struct Receiver : CZelReceiver {
-        int processMsg(vartocb *, int, sWatchData *, void *, int *) override { return 1; }
-        int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
-    } receiver;
-    int err = 0, context = 0;
-    vartocb *m = nullptr;
-    scratchcb *request = nullptr;
-    zel_ctor_vartocb(&m, &err);
-    zel_open_scratch(&request, 8, &err);
-    EXPECT_FALSE(zel::prepare_request(nullptr, &receiver, &context, m, &err));
-    EXPECT_EQ(err, 1);
-
-    sPChar value{const_cast<char *>("quote"), 5};
-    zel_start_msg(m, request, &err);
-    zel_add_data(m, 7, 1, &value, &err); // no name yet
-    EXPECT_FALSE(zel::prepare_request(request, &receiver, &context, m, &err));
-    EXPECT_EQ(err, 2);
-
-    request->len = 0;
-    zel_start_msg(m, request, &err);
-    zel_add_data(m, 0, 1, &value, &err);
-    auto pending = zel::prepare_request(request, &receiver, &context, m, &err);
-    ASSERT_TRUE(pending);
-    EXPECT_EQ(pending->request_number, uint64_t(reinterpret_cast<uintptr_t>(&receiver)));
-    EXPECT_EQ(pending->receiver, &receiver);
-    EXPECT_EQ(pending->context, &context);
-    sPChar number{};
-    ASSERT_EQ(zel_get_data(m, 32760, 0, &number, &err), 1);
-    EXPECT_EQ(std::string(number.data, size_t(number.len)), std::to_string(pending->request_number));
-    zel_close_scratch(&request, &err);
-    zel_dtor_vartocb(&m, &err);
 }
 
 TEST(FacadeFunctions, AllDigitsTakesTheEmptyTextAndReadsBytesAsSigned)

@@ -296,6 +296,18 @@ TEST_F(Hub, ABrokenRecordIsRefusedAndTheConnectionLivesOn)
         EXPECT_EQ(publisher.engine.sendMsg(&record, &err), 0);
         EXPECT_EQ(err, ZEL_DETAIL_NOT_A_MESSAGE);
     }
+    void *handle = nullptr;
+    std::string unnamed = build_message({{5, "no name"}});
+    scratchcb *request = nullptr; // the request grows by its number: the library's own buffer
+    zel_open_scratch(&request, int(unnamed.size()), nullptr);
+    std::memcpy(request->data, unnamed.data(), unnamed.size());
+    request->len = int32_t(unnamed.size());
+    Recorder replies;
+    EXPECT_EQ(publisher.engine.addRqDontStore(&handle, request, &replies, nullptr, &publisher.err), 0);
+    zel_close_scratch(&request, nullptr);
+    EXPECT_EQ(publisher.err, ZEL_DETAIL_NOT_A_MESSAGE);
+    EXPECT_EQ(publisher.engine.addRqDontStore(&handle, nullptr, &replies, nullptr, &publisher.err), 0);
+    EXPECT_EQ(publisher.err, ZEL_DETAIL_NULL_ARGUMENT);
     sync.round_trip(subscriber);
     EXPECT_EQ(sync.messages.size(), 1u); // nothing of the broken ones arrived
     EXPECT_EQ(publisher.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
@@ -365,10 +377,10 @@ TEST_F(FakeHub, TheWorkerAnnouncesItselfSendsSortedWatchesTheirRemovalAndHeartbe
     ASSERT_TRUE(peer);
     EXPECT_EQ(next_request(*peer), "0 1 set_device_aka 10002 1 desk-7 ");
     Recorder r;
-    void *watch = client.watch({5, 2, 9}, {"five", "two", ""}, &r);
-    EXPECT_EQ(next_request(*peer), "0 1 subscribe 2 1 two 5 1 five 9 0 ");
+    void *watch = client.watch({5, 2, 9, 2}, {"five", "two", "", ""}, &r); // sorted, stable
+    EXPECT_EQ(next_request(*peer), "0 1 subscribe 2 1 two 2 0 5 1 five 9 0 ");
     EXPECT_EQ(client.engine.removeWatch(watch, &client.err), 1);
-    EXPECT_EQ(next_request(*peer), "0 1 unsubscribe 2 1 two 5 1 five 9 0 ");
+    EXPECT_EQ(next_request(*peer), "0 1 unsubscribe 2 1 two 2 0 5 1 five 9 0 ");
 
     EXPECT_EQ(client.engine.enableHeartbeat(nullptr, 600, &client.err), 1); // every 10 passes
     for (int beats = 0; beats < 2;) {
