@@ -24,24 +24,17 @@ using Fields = std::vector<zt::Item>;
 constexpr size_t time_width = 24;
 
 // Sets (null: unsets) a variable and restores its old state on scope exit.
-class ScopedEnv {
-public:
-    ScopedEnv(const char *name, const char *value) : name_(name)
+struct ScopedEnv {
+    const char *name;
+    std::optional<std::string> saved;
+    ScopedEnv(const char *n, const char *value) : name(n)
     {
-        if (const char *old = std::getenv(name))
-            saved_ = old;
+        if (const char *old = std::getenv(n))
+            saved = old;
         apply(value);
     }
-    ~ScopedEnv() { apply(saved_ ? saved_->c_str() : nullptr); }
-
-private:
-    void apply(const char *value)
-    {
-        value ? setenv(name_, value, 1) : unsetenv(name_);
-        tzset();
-    }
-    const char *name_;
-    std::optional<std::string> saved_;
+    ~ScopedEnv() { apply(saved ? saved->c_str() : nullptr); }
+    void apply(const char *value) { value ? setenv(name, value, 1) : unsetenv(name), tzset(); }
 };
 
 // The detail a failed call wrote, read after the call; -1 when it succeeded.
@@ -164,7 +157,7 @@ TEST_F(Log, ALineIsTimeHostUserNameAndMessageByteForByte)
     EXPECT_EQ(reopened[0].substr(time_width), " box1   : x") << "an unset user and an empty name leave empty fields";
 }
 
-TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogType)
+TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreachableOneIsRefused)
 {
     for (const char *unknown : {static_cast<const char *>(nullptr), "", "LOG_FILE", "log_file ", "log"})
         EXPECT_TRUE(failure_detail(open(unknown), err) == 2 && log == nullptr) << (unknown ? unknown : "unset");
@@ -172,10 +165,6 @@ TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogType)
     EXPECT_EQ(failure_detail(sys_log(log, 0, &err, 0, "dropped"), err), 2);
     close_log();
     EXPECT_EQ(fs::file_size(path_), 0u) << "a text-file log opens its file but takes no lines";
-}
-
-TEST_F(Log, MisuseAndUnreachableDestinationsAreRefusedWithADetailAndNoHandle)
-{
     ASSERT_EQ(open("log_file"), 1u);
     sLogHandle *open_log = log;
     EXPECT_EQ(failure_detail(open("log_file"), err), 7);

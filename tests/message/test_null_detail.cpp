@@ -1,5 +1,6 @@
 // A null detail pointer: each family's calls do their work as with a real one
-// and only leave the detail unreported, on success and on failure alike.
+// and only leave the detail unreported. Failures write a detail on every
+// family's path; a parse and a compression also cover success.
 #include <zel/compress.h>
 #include <zel/config.h>
 #include <zel/containers.h>
@@ -30,25 +31,16 @@ struct Case {
 
 // Each case opens what it needs and closes it again with the same detail pointer.
 const Case kCases[] = {
-    {"ScratchOpenClose", 1, [](Detail &d) { scratchcb *s = nullptr; return zel_open_scratch(&s, 64, d.in()) && zel_close_scratch(&s, d.in()); }},
     {"ScratchOpenZeroSize", 0, [](Detail &d) { scratchcb *s = nullptr; return zel_open_scratch(&s, 0, d.in()); }},
     {"ParseMessage", 1, [](Detail &d) { Varto m; Scratch in; in.assign(wire_msg({{7, "seven"}})); sPChar v{};
         return zel_parse_msg(m, &in.s, d.in()) && zel_get_data(m, 7, 0, &v, d.in()) && str(v) == "seven"; }},
     {"ParseGarbage", 0, [](Detail &d) { Varto m; Scratch in; in.assign("garbage!"); return zel_parse_msg(m, &in.s, d.in()); }},
-    {"HashAddFind", 1, [](Detail &d) { void *h = nullptr, *out = nullptr; sZELHashParams p{0, pc("hash_ejb")}; sPChar k = pc("key");
-        int r = zel_hash_open(&h, &p, d.in()) && zel_hash_add(h, &k, &p, d.in()) && zel_hash_table_find(h, &k, &out, d.in());
-        zel_hash_close(&h, d.in()); return r && out == &p; }},
     {"HashFindMissing", 0, [](Detail &d) { void *h = nullptr, *out; sZELHashParams p{0, pc("hash_ejb")}; sPChar k = pc("key");
         zel_hash_open(&h, &p, d.in()); int r = zel_hash_table_find(h, &k, &out, d.in()); zel_hash_close(&h, d.in()); return r; }},
-    {"VectorAddGet", 1, [](Detail &d) { void *v = nullptr, *out = nullptr; sZELVecParams p{nullptr, 0, sizeof(int)}; int x = 42;
-        int r = zel_vec_open(&v, &p, d.in()) && zel_vec_add(v, &x, d.in()) && zel_vec_get(v, &out, 0, d.in());
-        r = r && *static_cast<int *>(out) == 42; zel_vec_close(&v, d.in()); return r; }},
     {"VectorDeleteFromEmpty", 0, [](Detail &d) { void *v = nullptr; sZELVecParams p{nullptr, 0, sizeof(int)};
         zel_vec_open(&v, &p, d.in()); int r = zel_vec_del(v, d.in()); zel_vec_close(&v, d.in()); return r; }},
-    {"ConfigOpenClose", 1, [](Detail &d) { sCfgHandle *h = nullptr; return cfg_open(&h, 0, d.un()) && cfg_close(&h, d.un()); }},
     {"ConfigLoadMissingFile", 0, [](Detail &d) { sCfgHandle *h = nullptr; sPChar path = pc("/nonexistent/zel.ini");
         cfg_open(&h, 0, d.un()); int r = int(cfg_load_ini(h, &path, d.un())); cfg_close(&h, d.un()); return r; }},
-    {"PlatformTimeOfDay", 1, [](Detail &d) { sTimeRecord t{}; return sys_get_time_of_day(&t, d.un()) && t.sec > 0; }},
     {"PlatformTimeFormatBadCode", 0, [](Detail &d) { sTimeRecord t{}; Scratch s; return int(sys_time_format(&t, &s.s, 99, d.un())); }},
     {"CompressRoundTrip", 1, [](Detail &d) { void *h = nullptr; int type = ZEL_COMPRESS_LZMA; Scratch src(4096), packed(4096), out;
         src.assign(std::string(4096, 'z')); int r = zel_compress_open(&h, &type, d.in()) && zel_compress(h, &src.s, &packed.s, d.in()) &&

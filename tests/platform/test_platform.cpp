@@ -12,20 +12,12 @@
 #include <fstream>
 #include <string>
 
-// A call that must answer 0 with `detail` written through `err`.
-#define EXPECT_FAILURE(call, err, detail)                                                          \
-    do { EXPECT_EQ((call), 0u); EXPECT_EQ((err), (detail)); } while (0)
+#include "descriptors/descriptor_test_util.h" // EXPECT_FAILURE, Scratch
 
 namespace {
 
 sPChar text_of(std::string &s) { return sPChar{s.data(), static_cast<int32_t>(s.size())}; }
 std::string str(const sPChar &p) { return std::string(p.data, static_cast<size_t>(p.len)); }
-
-// A scratch buffer freed on scope exit; starts empty.
-struct Scratch {
-    scratchcb s{};
-    ~Scratch() { int ignored; punset_buffer_size(&s, &ignored); }
-};
 
 constexpr uint32_t fixed_seconds = 1709622489; // 2024-03-05 07:08:09 UTC, a Tuesday
 
