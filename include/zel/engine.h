@@ -175,8 +175,8 @@ class CIntRxWnd;
  * a detail on failure: one of the ZEL_DETAIL_* codes above, or the
  * transport's own. It may be null: the detail is then not reported. Every
  * operation but the constructor, the destructor, getConnectionStatus,
- * setConnectionListener and the fixed no-ops needs a successful
- * create_connection first; without one it answers 0 with
+ * setConnectionListener, removeAllRqs and the fixed no-ops needs a
+ * successful create_connection first; without one it answers 0 with
  * ZEL_DETAIL_NO_CONNECTION (enable_log and disable_log answer 0).
  *
  * Watch, service and request operations answer 0 while the connection is not
