@@ -8,13 +8,13 @@
 #include <zel/platform.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <utility>
 
 #include "message/fields.h"
 #include "platform/detail_slot.h"
+#include "platform/environment_number.h"
 #include "platform/record_socket.h"
 #include "platform/result.h"
 
@@ -38,12 +38,7 @@ const char *const service_variable = "PL_LOC_BROK_ADDR";
 // The lookup's bound on the reply wait; the environment may shorten it.
 int reply_wait_ms()
 {
-    const char *text = std::getenv("ZEL_ADDRBK_TIMEOUT_MS");
-    if (!text || !*text)
-        return default_reply_wait_ms;
-    char *end = nullptr;
-    long ms = std::strtol(text, &end, 10);
-    return (*end || ms <= 0 || ms > 3600 * 1000) ? default_reply_wait_ms : int(ms);
+    return int(zel::positive_from_environment("ZEL_ADDRBK_TIMEOUT_MS", default_reply_wait_ms, 3600 * 1000));
 }
 
 sPChar text(const char *literal)

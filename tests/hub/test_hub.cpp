@@ -129,6 +129,12 @@ struct Client {
 struct Sync : Recorder {
     int rounds = 0;
     void arm(Client &client) { client.watch({60000}, {""}, this); }
+    // Arms and waits until the hub has every watch `client` placed so far.
+    void settle(Client &client)
+    {
+        arm(client);
+        round_trip(client);
+    }
     void round_trip(Client &client)
     {
         std::string text = "60000 1 " + std::to_string(++rounds) + " ";
@@ -156,8 +162,7 @@ TEST_F(Hub, WatchedMessagesArriveOnceAndOnlyTheyDo)
     subscriber.watch({5}, {"a"}, &prices, &context);
     subscriber.watch({7, 5}, {"", "a"}, &prices); // the same receiver again: still called once
     subscriber.watch({7}, {""}, &prices);
-    sync.arm(subscriber);
-    sync.round_trip(subscriber);
+    sync.settle(subscriber);
 
     for (const Fields &f : std::vector<Fields>{{{5, "a"}, {1, "x"}}, {{5, "b"}}, {{9, "q"}}, {{7, "z"}, {5, "a"}},
                                                {{0, "not-a-service"}, {5, "a"}}, {{7, "end"}}})
@@ -238,8 +243,7 @@ TEST_F(Hub, AKilledHubIsLostThenRecoveringAndARestartedOneGetsTheWatchesBack)
     Recorder prices;
     Sync sync;
     subscriber.watch({5}, {""}, &prices);
-    sync.arm(subscriber);
-    sync.round_trip(subscriber);
+    sync.settle(subscriber);
     ASSERT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 
     hub.stop(SIGKILL);
@@ -264,8 +268,7 @@ TEST_F(Hub, AMessageLargerThanTheReceiveBufferLeavesAndArrivesWhole)
     Recorder big;
     Sync sync;
     subscriber.watch({5}, {""}, &big);
-    sync.arm(subscriber);
-    sync.round_trip(subscriber);
+    sync.settle(subscriber);
     std::string value(200 * 1024, 'v');
     ASSERT_EQ(publisher.send({{5, value}}), 1);
     ASSERT_TRUE(pump_until([&] { return !big.messages.empty(); }));
@@ -330,18 +333,16 @@ TEST_F(Hub, AConnectionDestroyedFromItsOwnReceiverCallsNobodyAfterwards)
     Destroyer destroyer;
     Recorder older;
     Sync sync;
-    sync.arm(subscriber);
     subscriber.watch({5}, {""}, &older);
-    subscriber.watch({5}, {""}, &destroyer); // newest: called first
-    sync.round_trip(subscriber);
+    subscriber.watch({5}, {""}, &destroyer); // newer: called first
+    sync.settle(subscriber);
     destroyer.engine = subscriber.owned.release();
     for (int i = 0; i < 3; ++i)
         publisher.send({{5, std::to_string(i)}});
     ASSERT_TRUE(pump_until([&] { return !destroyer.engine; }));
     publisher.send({{5, "later"}});
     Sync publisher_sync;
-    publisher_sync.arm(publisher);
-    publisher_sync.round_trip(publisher);
+    publisher_sync.settle(publisher);
     zel_pump_messages(0);
     EXPECT_EQ(destroyer.messages, std::vector<std::string>{"5 1 0 "});
     EXPECT_TRUE(older.messages.empty());

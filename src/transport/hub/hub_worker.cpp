@@ -10,16 +10,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
 #include "message/fields.h"
+#include "platform/environment_number.h"
 #include "transport/hub/framing.h"
 
 namespace {
@@ -31,24 +30,14 @@ constexpr int reserve_beyond_frame = 256;
 
 // Reconnect delays: 2000 ms doubled before every retry, saturating. Tests may
 // lower the base and cap the delay through the environment.
-unsigned delay_from_environment(const char *name, unsigned fallback)
-{
-    const char *text = std::getenv(name);
-    if (!text || !*text)
-        return fallback;
-    char *end = nullptr;
-    unsigned long value = std::strtoul(text, &end, 10);
-    return (*end || value == 0 || value > UINT_MAX) ? fallback : unsigned(value);
-}
-
 unsigned base_delay_ms()
 {
-    return delay_from_environment("ZEL_RECONNECT_BASE_MS", 2000);
+    return zel::positive_from_environment("ZEL_RECONNECT_BASE_MS", 2000);
 }
 
 unsigned doubled_delay_ms(unsigned delay)
 {
-    const unsigned cap = delay_from_environment("ZEL_RECONNECT_MAX_MS", INT_MAX);
+    const unsigned cap = zel::positive_from_environment("ZEL_RECONNECT_MAX_MS", INT_MAX);
     return delay >= cap / 2 ? cap : delay * 2;
 }
 
@@ -188,13 +177,14 @@ bool CHubworker::read_available(int *error)
             *error = ECONNRESET;
             return false;
         }
-        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ETIMEDOUT && errno != EINTR) {
+        if (n > 0) {
+            received_used_ += size_t(n);
+        } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ETIMEDOUT && errno != EINTR) {
             *error = errno;
             return false;
+        } else if (!frames_waiting_) {
+            return true; // nothing new, and nothing waits
         }
-        if (n < 0 && !frames_waiting_)
-            return true;
-        received_used_ += size_t(std::max<ssize_t>(n, 0));
     }
     return hand_on_frames(error);
 }
@@ -269,21 +259,23 @@ bool CHubworker::flush(int *error)
     return true;
 }
 
+// The frames in `bytes` that end past its first `written` bytes.
+int64_t CHubworker::frames_not_written(const std::string &bytes, size_t written)
+{
+    int64_t frames = 0;
+    zel::hub::cut_frames(bytes.data(), int64_t(bytes.size()), [&](const char *message, int32_t length) {
+        frames += size_t(message + length - bytes.data()) > written;
+    });
+    return frames;
+}
+
 // What the last connection left queued or half written is gone with it (the
 // watches are bound again on the new one). Counted and reported, so that an
 // application can see what an outage cost. @locality worker thread
 void CHubworker::discard_unsent()
 {
     std::string queued = sender_.discard_queued();
-    int64_t frames = 0;
-    auto count_unwritten = [&frames](const std::string &bytes, size_t written) {
-        auto one = [&](const char *message, int32_t length) {
-            frames += size_t(message + length - bytes.data()) > written;
-        };
-        zel::hub::cut_frames(bytes.data(), int64_t(bytes.size()), one);
-    };
-    count_unwritten(unsent_, unsent_offset_);
-    count_unwritten(queued, 0);
+    int64_t frames = frames_not_written(unsent_, unsent_offset_) + frames_not_written(queued, 0);
     size_t bytes = unsent_.size() - unsent_offset_ + queued.size();
     zel::hub::clear_send_buffer(unsent_);
     unsent_offset_ = 0;

@@ -72,6 +72,7 @@ private:
     bool flush(int *error);
     void close_socket();
     void discard_unsent();
+    static int64_t frames_not_written(const std::string &bytes, size_t written);
     void count_heartbeat_pass(int *passes);
 
     HubSettings settings_;
