@@ -76,27 +76,25 @@ std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, in
     return watch;
 }
 
-uint64_t request_number(const CZelReceiver *receiver)
-{
-    return uint64_t(reinterpret_cast<uintptr_t>(receiver));
-}
-
 std::unique_ptr<sAddWatchData> prepare_request(scratchcb *request, CZelReceiver *receiver, void *context,
-                                               vartocb *parser, int *err)
+                                               RequestNumber numbering, vartocb *parser, int *err)
 {
     if (!request) {
         *err = ZEL_DETAIL_NULL_ARGUMENT;
         return nullptr;
     }
-    uint64_t number = request_number(receiver);
+    auto entry = std::make_unique<sAddWatchData>(sAddWatchData{0, receiver, context});
+    const void *numbered = numbering == RequestNumber::entry_address ? static_cast<const void *>(entry.get())
+                                                                     : static_cast<const void *>(receiver);
+    entry->request_number = uint64_t(reinterpret_cast<uintptr_t>(numbered));
     int count = 0;
     if (!wire::holds_one_message(request->data, request->len) ||
-        !append_field(request, field::request_number, std::to_string(number), err) ||
+        !append_field(request, field::request_number, std::to_string(entry->request_number), err) ||
         !zel_parse_msg(parser, request, err) || !zel_get_field(parser, field::name, &count, err) || count < 1) {
         *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return nullptr;
     }
-    return std::make_unique<sAddWatchData>(sAddWatchData{number, receiver, context});
+    return entry;
 }
 
 } // namespace zel

@@ -20,8 +20,9 @@ std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, in
                                        void *context, vartocb *builder, scratchcb *scratch, int *err);
 
 // The number that a request carries in field 32760 and its reply carries
-// back: the address of the requesting receiver, in full.
-uint64_t request_number(const CZelReceiver *receiver);
+// back, printed in full: on the hub the address of the requesting receiver,
+// on a broker the address of the pending entry itself.
+enum class RequestNumber { receiver_address, entry_address };
 
 // Adds field 32760 with the request number to the one message in `request`
 // and answers the pending entry its reply will complete. Null with detail 1
@@ -29,6 +30,6 @@ uint64_t request_number(const CZelReceiver *receiver);
 // request has no name (field 0). `parser` is left indexing the request.
 // @locality application thread
 std::unique_ptr<sAddWatchData> prepare_request(scratchcb *request, CZelReceiver *receiver, void *context,
-                                               vartocb *parser, int *err);
+                                               RequestNumber numbering, vartocb *parser, int *err);
 
 } // namespace zel

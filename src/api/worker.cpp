@@ -4,6 +4,30 @@
 
 #include "api/connection_monitor.h"
 #include "api/engine_interface.h"
+#include "platform/environment_number.h"
+
+#include <climits>
+
+namespace {
+
+constexpr unsigned reconnect_timer_id = 1000;
+
+// Reconnect delays: 2000 ms doubled before every retry, saturating. Tests may
+// lower the base and cap the delay through the environment.
+unsigned base_delay_ms()
+{
+    return zel::positive_from_environment("ZEL_RECONNECT_BASE_MS", 2000);
+}
+
+unsigned doubled_delay_ms(unsigned delay)
+{
+    const unsigned cap = zel::positive_from_environment("ZEL_RECONNECT_MAX_MS", INT_MAX);
+    return delay >= cap / 2 ? cap : delay * 2;
+}
+
+} // namespace
+
+CVartoWorker::CVartoWorker() : reconnect_delay_ms_(base_delay_ms()) {}
 
 int CVartoWorker::reportStatus(int level, std::string text)
 {
@@ -33,7 +57,40 @@ int CVartoWorker::run()
     return 1;
 }
 
-void CVartoWorker::timer_fired(unsigned) {}
+void CVartoWorker::schedule_reconnect()
+{
+    reconnect_delay_ms_ = doubled_delay_ms(reconnect_delay_ms_);
+    loop_.set_timer(reconnect_timer_id, reconnect_delay_ms_);
+    reconnect_armed_ = true;
+}
+
+void CVartoWorker::reset_reconnect_delay()
+{
+    reconnect_delay_ms_ = base_delay_ms();
+}
+
+void CVartoWorker::timer_fired(unsigned id)
+{
+    if (id != reconnect_timer_id || !reconnect_armed_)
+        return;
+    reconnect_armed_ = false;
+    if (stop_requested()) {
+        engine()->acknowledge_stop();
+        loop_.post_quit();
+        return;
+    }
+    if (attempts_left_ == 0) {
+        reportStatus(0, "no of reconnection attempts limit breached. shutting down.");
+        loop_.post_quit();
+        return;
+    }
+    --attempts_left_;
+    serve();
+    // A failed attempt that armed the next retry keeps the worker alive;
+    // anything else (a stop, a failure with no retry) ends it.
+    if (!reconnect_armed_)
+        loop_.post_quit();
+}
 
 int CVartoWorker::setMonitor(CVartoSpy *monitor)
 {

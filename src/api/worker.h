@@ -17,7 +17,7 @@ public:
     // attempt failed (recovery goes on), connected at least once.
     enum ConnectionState { first_attempt = -1, first_attempt_failed = 0, connected_once = 1 };
 
-    CVartoWorker() = default;
+    CVartoWorker();
     virtual ~CVartoWorker() = default;
     CVartoWorker(const CVartoWorker &) = delete;
     CVartoWorker &operator=(const CVartoWorker &) = delete;
@@ -39,7 +39,10 @@ public:
     // Interrupts the worker's wait so that it notices new work or a stop at
     // once. @locality any thread
     virtual int wake() = 0;
-    // A timer armed on loop() has expired. @locality worker thread
+    // A timer armed on loop() has expired. The reconnect timer makes the next
+    // attempt: unless a stop is requested or the lifetime budget of 120
+    // attempts is spent, it serves again, and the worker lives on while
+    // that attempt leaves the next one armed. @locality worker thread
     virtual void timer_fired(unsigned id);
 
     int setMonitor(CVartoSpy *monitor);
@@ -56,6 +59,16 @@ public:
     // Whether that engine asks this worker to stop. @locality any thread
     bool stop_requested() const;
 
+    // The wait before the next reconnect attempt. @locality worker thread
+    unsigned reconnect_delay_ms() const { return reconnect_delay_ms_; }
+
+protected:
+    // Doubles the reconnect delay (2000 ms after a connect, 4000 ms at the
+    // first retry; saturating) and arms the reconnect timer with it.
+    void schedule_reconnect();
+    // A connect has succeeded: the next outage starts from the base again.
+    void reset_reconnect_delay();
+
 private:
     friend class CVartoEngine;
     void thread_main();
@@ -64,4 +77,7 @@ private:
     zel::WorkerLoop loop_;
     std::atomic<int> connection_state_{first_attempt};
     std::atomic<bool> finished_{false};
+    int attempts_left_ = 120;
+    unsigned reconnect_delay_ms_;
+    bool reconnect_armed_ = false;
 };

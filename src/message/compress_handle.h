@@ -36,6 +36,11 @@ void release_lzma(Handle *h);
 
 void install_block(Handle *h);
 
+// The LZMA frame of `src` in `dst`, however little the message shrinks: the
+// stream may take all of `dst` after the header. For carrying a message whose
+// receiver expects a frame whatever its size. `h` must hold the LZMA codec.
+int lzma_frame(Handle *h, scratchcb *src, scratchcb *dst, int *err);
+
 inline int fail(int *err, int detail)
 {
     *err = detail;

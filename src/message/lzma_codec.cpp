@@ -77,12 +77,11 @@ SRes set_properties(CLzmaEncHandle encoder, UInt32 expected)
     return LzmaEnc_SetProps(encoder, &props);
 }
 
-int lzma_compress(Handle *h, scratchcb *src, scratchcb *dst, int *err)
+// Writes the frame of `src` into `dst`, the stream taking at most `room`
+// bytes after the header.
+int encode_frame(Handle *h, scratchcb *src, scratchcb *dst, int64_t room, int *err)
 {
     dst->len = 0;
-    // The stream must fit after the header both within the source's length
-    // (compressing must pay for the header) and within the destination.
-    int64_t room = int64_t(std::min(src->len, dst->alloc)) - kHeaderSize;
     if (room <= 0)
         return fail(err, 4);
     SizeT props_size = kPropsSize;
@@ -98,6 +97,13 @@ int lzma_compress(Handle *h, scratchcb *src, scratchcb *dst, int *err)
         return fail(err, res == SZ_ERROR_MEM ? 1 : 4);
     dst->len += kHeaderSize;
     return succeed(err);
+}
+
+int lzma_compress(Handle *h, scratchcb *src, scratchcb *dst, int *err)
+{
+    // The stream must fit after the header both within the source's length
+    // (compressing must pay for the header) and within the destination.
+    return encode_frame(h, src, dst, int64_t(std::min(src->len, dst->alloc)) - kHeaderSize, err);
 }
 
 // Appends one decoded step to `dst`, growing it to exactly the new length;
@@ -227,6 +233,11 @@ bool install_lzma(Handle *h, int *err)
     h->decompress = lzma_decompress;
     h->size_of = lzma_size_of;
     return true;
+}
+
+int lzma_frame(Handle *h, scratchcb *src, scratchcb *dst, int *err)
+{
+    return encode_frame(h, src, dst, int64_t(dst->alloc) - kHeaderSize, err);
 }
 
 void release_lzma(Handle *h)

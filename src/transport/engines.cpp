@@ -1,5 +1,6 @@
 // The engine each transport type makes.
 #include "api/engine_factory.h"
+#include "transport/amqp/amqp_engine.h"
 #include "transport/hub/hub_engine.h"
 
 namespace zel {
@@ -15,7 +16,7 @@ Transport transport_for(std::string_view type)
 
 EngineMaker &engine_maker(Transport transport)
 {
-    static EngineMaker makers[] = {nullptr, make_hub_engine, nullptr};
+    static EngineMaker makers[] = {nullptr, make_hub_engine, make_amqp_engine};
     return makers[int(transport)];
 }
 

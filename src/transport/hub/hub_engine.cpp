@@ -89,7 +89,7 @@ int CHubEngine::addRqDontStore(void **request, void *message, CZelReceiver *rece
     if (!connected())
         return 0;
     auto *built = static_cast<scratchcb *>(message);
-    auto pending = zel::prepare_request(built, receiver, context, parsed_, err);
+    auto pending = zel::prepare_request(built, receiver, context, zel::RequestNumber::receiver_address, parsed_, err);
     if (!pending)
         return 0;
     for (int counter : requests_sent)

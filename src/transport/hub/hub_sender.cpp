@@ -1,9 +1,6 @@
 // Queueing frames for the hub worker to write.
 #include "transport/hub/hub_sender.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <limits>
 
 #include "api/alert.h"
@@ -24,17 +21,11 @@ void zel::hub::clear_send_buffer(std::string &buffer)
         buffer.clear();
 }
 
-CHubSender::CHubSender() : wake_fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+CHubSender::CHubSender()
 {
     // Without it everything still leaves, at the worker's next turn.
-    if (wake_fd_ < 0)
+    if (wake_.fd() < 0)
         zel::alert("No event descriptor for a hub connection: what it sends waits for the worker's next turn");
-}
-
-CHubSender::~CHubSender()
-{
-    if (wake_fd_ >= 0)
-        ::close(wake_fd_);
 }
 
 bool CHubSender::queue_bounded_message(std::string_view message)
@@ -105,17 +96,4 @@ void CHubSender::take_queued(std::string &out)
 void CHubSender::written(size_t bytes)
 {
     unwritten_.fetch_sub(bytes, std::memory_order_relaxed);
-}
-
-void CHubSender::wake()
-{
-    uint64_t one = 1;
-    // A full counter still leaves the descriptor readable: nothing is lost.
-    [[maybe_unused]] ssize_t n = ::write(wake_fd_, &one, sizeof one);
-}
-
-void CHubSender::drain_wakes()
-{
-    uint64_t count;
-    [[maybe_unused]] ssize_t n = ::read(wake_fd_, &count, sizeof count);
 }

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "api/engine_interface.h"
+#include "platform/wake_event.h"
 
 namespace zel::hub {
 
@@ -23,7 +24,6 @@ void clear_send_buffer(std::string &buffer);
 class CHubSender : public CVartoSender {
 public:
     CHubSender();
-    ~CHubSender() override;
 
     // Queues the bytes of one message as a frame and wakes the worker; false,
     // with nothing queued, when the bytes not yet written would then pass
@@ -45,9 +45,9 @@ public:
     void written(size_t bytes);
 
     // Readable while the worker has been woken; the worker drains it.
-    int wake_fd() const { return wake_fd_; }
-    void wake();
-    void drain_wakes();
+    int wake_fd() const { return wake_.fd(); }
+    void wake() { wake_.raise(); }
+    void drain_wakes() { wake_.drain(); }
 
 private:
     bool queue(std::initializer_list<std::string_view> parts, uint64_t limit);
@@ -55,5 +55,5 @@ private:
 
     std::string queued_;                 // guarded by lock_
     std::atomic<uint64_t> unwritten_{0}; // queued, or taken by the worker and not yet written
-    int wake_fd_;
+    zel::WakeEvent wake_;
 };

@@ -11,40 +11,24 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <memory>
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
 #include "message/fields.h"
-#include "platform/environment_number.h"
 #include "transport/hub/framing.h"
 
 namespace {
 
-constexpr unsigned reconnect_timer_id = 1000;
 constexpr int turn_ms = 30;                    // one receive pass waits at most this long
 constexpr size_t receive_buffer_size = 0x10000;
 constexpr int reserve_beyond_frame = 256;
 
-// Reconnect delays: 2000 ms doubled before every retry, saturating. Tests may
-// lower the base and cap the delay through the environment.
-unsigned base_delay_ms()
-{
-    return zel::positive_from_environment("ZEL_RECONNECT_BASE_MS", 2000);
-}
-
-unsigned doubled_delay_ms(unsigned delay)
-{
-    const unsigned cap = zel::positive_from_environment("ZEL_RECONNECT_MAX_MS", INT_MAX);
-    return delay >= cap / 2 ? cap : delay * 2;
-}
-
 } // namespace
 
 CHubworker::CHubworker(HubSettings settings)
-    : settings_(std::move(settings)), reconnect_delay_ms_(base_delay_ms()), received_(receive_buffer_size),
+    : settings_(std::move(settings)), received_(receive_buffer_size),
       heartbeat_frame_(zel::hub::make_frame({{zel::field::name, "varto_heartbeat"}}))
 {
 }
@@ -77,7 +61,7 @@ int CHubworker::serve()
     sent_bytes_.store(0, std::memory_order_relaxed);
     if (settings_.window)
         reportStatus(100, "Connected");
-    reconnect_delay_ms_ = base_delay_ms();
+    reset_reconnect_delay();
     receive();
     return 1;
 }
@@ -317,34 +301,9 @@ void CHubworker::connection_lost(int error)
 int CHubworker::recover()
 {
     close_socket();
-    reconnect_delay_ms_ = doubled_delay_ms(reconnect_delay_ms_);
+    schedule_reconnect();
     reportStatus(0, "recovery attempt failed, trying again");
-    loop().set_timer(reconnect_timer_id, reconnect_delay_ms_);
-    reconnect_timer_armed_ = true;
     return 1;
-}
-
-void CHubworker::timer_fired(unsigned id)
-{
-    if (id != reconnect_timer_id || !reconnect_timer_armed_)
-        return;
-    reconnect_timer_armed_ = false;
-    if (stop_requested()) {
-        engine()->acknowledge_stop();
-        loop().post_quit();
-        return;
-    }
-    if (attempts_left_ == 0) {
-        reportStatus(0, "no of reconnection attempts limit breached. shutting down.");
-        loop().post_quit();
-        return;
-    }
-    --attempts_left_;
-    serve();
-    // A failed attempt that armed the next retry keeps the worker alive;
-    // anything else (a stop, a failure with no retry) ends it.
-    if (!reconnect_timer_armed_)
-        loop().post_quit();
 }
 
 void CHubworker::close_socket()

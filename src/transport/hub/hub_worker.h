@@ -32,7 +32,6 @@ public:
     int recover() override;
     int receive() override;
     int sendHeartbeat() override;
-    void timer_fired(unsigned id) override;
 
     // ---- Any thread ----------------------------------------------------------
     int wake() override;
@@ -47,8 +46,6 @@ public:
 
     void enable_heartbeat(long interval_ms);
     uint64_t sent_bytes() const { return sent_bytes_.load(std::memory_order_relaxed); }
-    // The wait before the next reconnect attempt. @locality worker thread
-    unsigned reconnect_delay_ms() const { return reconnect_delay_ms_; }
     // Frames discarded unsent because their connection dropped.
     uint64_t discarded_frames() const { return discarded_frames_.load(std::memory_order_relaxed); }
     void reset_counters()
@@ -81,9 +78,6 @@ private:
     std::atomic<int> closed_{1};
     std::atomic<bool> heartbeat_enabled_{false};
     std::atomic<long> heartbeat_interval_{50000};
-    int attempts_left_ = 120;
-    unsigned reconnect_delay_ms_;
-    bool reconnect_timer_armed_ = false;
     std::vector<char> received_;   // bytes read and not yet framed
     size_t received_used_ = 0;
     bool frames_waiting_ = false;  // whole frames at the front that no batch could be made for

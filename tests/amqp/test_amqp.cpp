@@ -1,0 +1,564 @@
+// The client API over a real AMQP broker, started once for this program:
+// engines meeting through a topic exchange, the broker's own view of the
+// queues and bindings, a raw client library peer that inspects what an
+// engine publishes and sends what an engine must survive, TLS, outages and
+// the reconnect budget.
+#include <gtest/gtest.h>
+#include <zel/compress.h>
+#include <zel/engine.h>
+
+#include <amqp.h>
+#include <amqp_tcp_socket.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/receive_window.h"
+#include "support/messages.h"
+#include "support/rabbitmq_broker.h"
+#include "support/time_factor.h"
+#include "transport/amqp/amqp_engine.h"
+
+namespace {
+
+using zel::test::admin_text;
+using zel::test::build_message;
+using zel::test::Fields;
+using zel::test::RabbitBroker;
+
+RabbitBroker *broker;
+
+class BrokerEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        broker = new RabbitBroker();
+        // Data messages are routed by their fields, so that they reach
+        // watches; one test looks at the default.
+        ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
+    }
+    void TearDown() override { delete broker; }
+};
+const auto *const environment = ::testing::AddGlobalTestEnvironment(new BrokerEnvironment);
+
+bool pump_until(const std::function<bool()> &done)
+{
+    auto deadline = std::chrono::steady_clock::now() + zel::test::patience(20000);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        zel_pump_messages(20);
+    }
+    return true;
+}
+
+struct Recorder : CZelReceiver {
+    std::vector<std::string> messages; // admin text, in order
+    std::vector<void *> requests;
+    std::function<void(vartocb *)> respond;
+    int processMsg(vartocb *msg, int, sWatchData *, void *, int *) override
+    {
+        messages.push_back(admin_text(msg));
+        if (respond)
+            respond(msg);
+        return 1;
+    }
+    int processReply(vartocb *reply, int, void *request, void *, int *) override
+    {
+        messages.push_back(admin_text(reply));
+        requests.push_back(request);
+        return 1;
+    }
+    bool saw(const std::string &text) const
+    {
+        return std::find(messages.begin(), messages.end(), text) != messages.end();
+    }
+};
+
+struct StatusLog : CZelListener {
+    std::vector<int> seen;
+    int statusChange(int status, int *) override
+    {
+        seen.push_back(status);
+        return 1;
+    }
+};
+
+struct Tls {
+    std::string ca, key, certificate;
+};
+
+// One application's connection to the broker.
+struct Client {
+    CZelEngine engine;
+    StatusLog statuses;
+    int err = 0;
+
+    Client(const std::string &name, int mode = 0, const Tls &tls = {}, std::string host = "127.0.0.1",
+           int port = 0, std::string exchange = "amq.topic")
+    {
+        engine.create_connection(port ? port : tls.ca.empty() ? broker->port() : broker->tls_port(), host, "/",
+                                 "guest", "guest", exchange, name, mode, tls.ca, tls.key, tls.certificate, nullptr);
+        engine.setConnectionListener(&statuses, &err);
+    }
+    int status()
+    {
+        int s = 0;
+        engine.getConnectionStatus(&s, &err);
+        return s;
+    }
+    bool connect() { return pump_until([&] { return status() == ZEL_STATUS_CONNECTED; }); }
+    void *watch(std::vector<int> tags, std::vector<std::string> values, CZelReceiver *receiver)
+    {
+        std::vector<sPChar> v;
+        for (auto &value : values)
+            v.push_back({value.data(), int32_t(value.size())});
+        void *handle = nullptr;
+        EXPECT_EQ(engine.addWatch(&handle, tags.data(), v.data(), int(tags.size()), receiver, nullptr, false, 0,
+                                  false, false, &err),
+                  1);
+        return handle;
+    }
+    void serve(const std::string &name, CZelReceiver *receiver)
+    {
+        sPChar service{const_cast<char *>(name.data()), int32_t(name.size())};
+        EXPECT_EQ(engine.registerSrvc(&service, receiver, 0, &err), 1);
+    }
+    // Sends a request for the service named in field 0; the handle.
+    void *ask(const Fields &fields, CZelReceiver *receiver)
+    {
+        std::string bytes = build_message(fields);
+        std::vector<char> room(bytes.size() + 64);
+        std::copy(bytes.begin(), bytes.end(), room.begin());
+        scratchcb request{int32_t(bytes.size()), int32_t(room.size()), int32_t(room.size()), room.data()};
+        void *handle = nullptr;
+        EXPECT_EQ(engine.addRqDontStore(&handle, &request, receiver, nullptr, &err), 1);
+        return handle;
+    }
+    int send(const Fields &fields)
+    {
+        std::string bytes = build_message(fields);
+        scratchcb message{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()), bytes.data()};
+        return engine.sendMsg(&message, &err);
+    }
+};
+
+// A plain client of the broker, written on the client library directly.
+class RawPeer {
+public:
+    RawPeer()
+    {
+        connection_ = amqp_new_connection();
+        amqp_socket_t *socket = amqp_tcp_socket_new(connection_);
+        EXPECT_EQ(amqp_socket_open(socket, "127.0.0.1", broker->port()), AMQP_STATUS_OK);
+        amqp_login(connection_, "/", 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, "guest", "guest");
+        amqp_channel_open(connection_, 1);
+        EXPECT_EQ(amqp_get_rpc_reply(connection_).reply_type, AMQP_RESPONSE_NORMAL);
+    }
+    ~RawPeer()
+    {
+        amqp_channel_close(connection_, 1, AMQP_REPLY_SUCCESS);
+        amqp_connection_close(connection_, AMQP_REPLY_SUCCESS);
+        amqp_destroy_connection(connection_);
+    }
+    // Consumes everything that `key` matches on amq.topic.
+    void listen(const char *key)
+    {
+        amqp_queue_declare_ok_t *q = amqp_queue_declare(connection_, 1, amqp_empty_bytes, 0, 0, 1, 1, amqp_empty_table);
+        amqp_queue_bind(connection_, 1, q->queue, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key),
+                        amqp_empty_table);
+        amqp_basic_consume(connection_, 1, q->queue, amqp_empty_bytes, 0, 1, 0, amqp_empty_table);
+        ASSERT_EQ(amqp_get_rpc_reply(connection_).reply_type, AMQP_RESPONSE_NORMAL);
+    }
+    struct Delivery {
+        std::string routing_key, content_type, reply_to, body;
+        int delivery_mode = 0;
+    };
+    Delivery next()
+    {
+        amqp_envelope_t envelope;
+        timeval wait{10 * zel::test::time_factor, 0};
+        Delivery d;
+        if (amqp_consume_message(connection_, &envelope, &wait, 0).reply_type != AMQP_RESPONSE_NORMAL)
+            return d;
+        auto text = [](amqp_bytes_t b) { return std::string(static_cast<char *>(b.bytes), b.len); };
+        d.routing_key = text(envelope.routing_key);
+        d.content_type = text(envelope.message.properties.content_type);
+        d.reply_to = text(envelope.message.properties.reply_to);
+        d.body = text(envelope.message.body);
+        d.delivery_mode = envelope.message.properties.delivery_mode;
+        amqp_destroy_envelope(&envelope);
+        return d;
+    }
+    void publish(const std::string &key, const std::string &body, const char *content_type)
+    {
+        amqp_basic_properties_t p{};
+        p._flags = AMQP_BASIC_CONTENT_TYPE_FLAG;
+        p.content_type = amqp_cstring_bytes(content_type);
+        amqp_basic_publish(connection_, 1, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key.c_str()), 0, 0,
+                           &p, amqp_bytes_t{body.size(), const_cast<char *>(body.data())});
+    }
+
+private:
+    amqp_connection_state_t connection_;
+};
+
+std::string unique_name(const char *base)
+{
+    static int next = 0;
+    return std::string(base) + std::to_string(::getpid()) + "x" + std::to_string(++next);
+}
+
+// ---- The broker's view -----------------------------------------------------------
+
+TEST(AmqpBroker, QueueAndBindingsFollowTheKeyGrammars)
+{
+    std::string name = unique_name("keys");
+    Client client(name);
+    ASSERT_TRUE(client.connect());
+    Recorder r;
+    client.watch({5, 3}, {"IBM", ""}, &r);
+    client.serve("quotes", &r);
+    // The binds are taken by the worker between deliveries: a round trip
+    // through the broker shows they are done.
+    client.watch({60000}, {"sync"}, &r);
+    client.send({{60000, "sync"}});
+    ASSERT_TRUE(pump_until([&] { return r.saw("60000 1 sync "); }));
+
+    // The pairs sorted by tag, an empty value a wildcard; the queue is the
+    // client's own, named after it and deleted with the connection.
+    std::string bindings = broker->ctl("list_bindings source_name destination_name routing_key");
+    for (std::string key : {"#." + name + ".#", std::string("#.^3.*.#.^5.IBM.#"), std::string("^0.quotes")}) {
+        std::regex line("amq\\.topic\t" + name + "_[0-9]+\t" + std::regex_replace(key, std::regex(R"([.^*#])"), R"(\$&)") + "\n");
+        EXPECT_TRUE(std::regex_search(bindings, line)) << key << "\n" << bindings;
+    }
+    std::string queues = broker->ctl("list_queues name auto_delete");
+    EXPECT_NE(queues.find(name + "_"), std::string::npos) << queues;
+    EXPECT_NE(queues.find("\ttrue"), std::string::npos) << queues;
+}
+
+// Waits until the broker has every bind `client` asked for so far: a message
+// to its own sync watch comes back once the binds before it are done.
+void settle(Client &client)
+{
+    Recorder sync;
+    static int round = 0;
+    std::string mark = std::to_string(++round);
+    void *handle = client.watch({60001}, {mark}, &sync);
+    client.send({{60001, mark}});
+    ASSERT_TRUE(pump_until([&] { return !sync.messages.empty(); }));
+    client.engine.removeWatch(handle, &client.err);
+}
+
+// ---- Engines meeting through the broker --------------------------------------
+
+TEST(AmqpBroker, WatchesServicesAndRepliesMeetBetweenEngines)
+{
+    std::string requester_name = unique_name("requester");
+    Client server(unique_name("server")), requester(requester_name);
+    ASSERT_TRUE(server.connect());
+    ASSERT_TRUE(requester.connect());
+    Recorder prices, service, replies;
+    requester.watch({5, 3}, {"IBM", ""}, &prices);
+    service.respond = [&](vartocb *request) {
+        sPChar number{};
+        int err = 0;
+        zel_get_data(request, 32760, 0, &number, &err);
+        // The reply names its requester, whose queue is bound to its name.
+        server.send({{32767, "1"}, {32760, std::string(number.data, size_t(number.len))}, {100, requester_name}});
+    };
+    server.serve("quotes", &service);
+    settle(server);
+    settle(requester);
+
+    server.send({{3, "x"}, {5, "MSFT"}});
+    server.send({{5, "IBM"}});         // no field 3: no match
+    server.send({{3, "y"}, {5, "IBM"}}); // both pieces, in tag order
+    void *handle = requester.ask({{0, "quotes"}, {10, "q"}}, &replies);
+
+    ASSERT_TRUE(pump_until([&] { return !replies.requests.empty() && !prices.messages.empty(); }));
+    EXPECT_EQ(prices.messages, std::vector<std::string>{"3 1 y 5 1 IBM "});
+    EXPECT_EQ(replies.requests, std::vector<void *>{handle});
+    ASSERT_EQ(service.messages.size(), 1u);
+    EXPECT_EQ(service.messages[0].rfind("0 1 quotes 10 1 q 32760 1 ", 0), 0u) << service.messages[0];
+}
+
+// ---- What an engine publishes, and what it survives ---------------------------
+
+std::vector<std::string> alerts;
+std::mutex alerts_lock;
+void record_alert(const char *text)
+{
+    std::lock_guard<std::mutex> guard(alerts_lock);
+    alerts.push_back(text);
+}
+size_t alert_count()
+{
+    std::lock_guard<std::mutex> guard(alerts_lock);
+    return alerts.size();
+}
+
+std::string expand(int codec, std::string body)
+{
+    void *handle = nullptr;
+    int err = 0;
+    zel_compress_open(&handle, &codec, &err);
+    scratchcb in{int32_t(body.size()), int32_t(body.size()), int32_t(body.size()), body.data()};
+    std::vector<char> room(1 << 16);
+    scratchcb out{0, int32_t(room.size()), int32_t(room.size()), room.data()};
+    scratchcb *target = &out;
+    scratchcb *grown = nullptr;
+    if (codec == ZEL_COMPRESS_LZMA) {
+        zel_open_scratch(&grown, 64, &err);
+        target = grown;
+    }
+    EXPECT_EQ(zel_decompress(handle, &in, target, &err), 1) << err;
+    std::string text(target->data, size_t(target->len));
+    zel_close_scratch(&grown, &err);
+    zel_compress_close(&handle, &err);
+    return text;
+}
+
+TEST(AmqpBroker, PublishPropertiesAndBodiesForEachCompressionMode)
+{
+    RawPeer peer;
+    peer.listen("#.^7.props.#");
+    // Field 8 does not compress: LZMA frames it all the same.
+    std::string noise(300, '\0');
+    for (size_t i = 0; i < noise.size(); ++i)
+        noise[i] = char((i * 2654435761u) >> 13);
+    std::string message = build_message({{7, "props"}, {8, noise}});
+    for (int mode : {0, 1, 2}) {
+        std::string name = unique_name("props");
+        Client client(name, mode);
+        ASSERT_TRUE(client.connect());
+        ASSERT_EQ(client.send({{7, "props"}, {8, noise}}), 1);
+        RawPeer::Delivery d = peer.next();
+        EXPECT_EQ(d.content_type, mode == 0 ? "zel" : "zelz") << mode;
+        EXPECT_EQ(d.delivery_mode, 2);
+        EXPECT_EQ(d.reply_to, name);
+        EXPECT_EQ(d.routing_key, "^7.props"); // the next piece would pass 255 characters
+        if (mode == 0) {
+            EXPECT_EQ(d.body, message);
+        } else if (mode == 1) {
+            EXPECT_EQ(expand(ZEL_COMPRESS_LZMA, d.body), message);
+        } else {
+            ASSERT_GE(d.body.size(), 4u);
+            EXPECT_EQ(uint8_t(d.body[0]) | uint8_t(d.body[1]) << 8, int(message.size()));
+            EXPECT_EQ(expand(ZEL_COMPRESS_BLOCK, d.body.substr(4)), message);
+        }
+    }
+
+    // By default a data message leaves with the routing key of the
+    // connection's last request.
+    ::unsetenv("ZEL_AMQP_ROUTE_BY_FIELDS");
+    RawPeer service;
+    service.listen("^0.last");
+    Client client(unique_name("default"));
+    ASSERT_TRUE(client.connect());
+    Recorder replies;
+    client.ask({{0, "last"}}, &replies);
+    client.send({{7, "data"}});
+    EXPECT_EQ(service.next().routing_key, "^0.last");
+    RawPeer::Delivery data = service.next();
+    EXPECT_EQ(data.routing_key, "^0.last");
+    EXPECT_EQ(data.body, build_message({{7, "data"}}));
+    ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
+}
+
+TEST(AmqpBroker, BadDeliveriesAreDroppedWithAnAlertAndTheRestArrive)
+{
+    zel_set_alert_handler(record_alert);
+    Client client(unique_name("bad"));
+    ASSERT_TRUE(client.connect());
+    Recorder in;
+    client.watch({9}, {"in"}, &in);
+    settle(client);
+    RawPeer peer;
+    // A compressed body as an LZMA-mode sender makes it; the receiver (mode
+    // 0) expands with LZMA.
+    std::string one = build_message({{9, "in"}, {1, "one"}});
+    void *lzma = nullptr;
+    int codec = ZEL_COMPRESS_LZMA, err = 0;
+    zel_compress_open(&lzma, &codec, &err);
+    std::string padded = build_message({{9, "in"}, {1, "one"}, {2, std::string(400, 'p')}});
+    scratchcb src{int32_t(padded.size()), int32_t(padded.size()), int32_t(padded.size()), padded.data()};
+    std::vector<char> room(padded.size());
+    scratchcb dst{0, int32_t(room.size()), int32_t(room.size()), room.data()};
+    ASSERT_EQ(zel_compress(lzma, &src, &dst, &err), 1);
+    zel_compress_close(&lzma, &err);
+    std::string frame(dst.data, size_t(dst.len));
+
+    size_t before = alert_count();
+    peer.publish("^9.in", "not a message", "zel");
+    peer.publish("^9.in", frame.substr(0, frame.size() / 2), "zelz"); // truncated
+    peer.publish("^9.in", frame, "zelz");
+    peer.publish("^9.in", build_message({{9, "in"}, {1, "two"}}), "zel");
+    ASSERT_TRUE(pump_until([&] { return in.messages.size() == 2; }));
+    EXPECT_EQ(in.messages, (std::vector<std::string>{"9 1 in 1 1 one 2 1 " + std::string(400, 'p') + " ",
+                                                     "9 1 in 1 1 two "}));
+    EXPECT_EQ(alert_count() - before, 2u);
+    zel_set_alert_handler(nullptr);
+}
+
+TEST(AmqpBroker, HeartbeatsCarryTheirOwnContentType)
+{
+    RawPeer peer;
+    peer.listen("0.varto_heartbeat");
+    for (int mode : {1, 2}) {
+        std::string name = unique_name("beat");
+        Client client(name, mode);
+        ASSERT_TRUE(client.connect());
+        // A period of 60 ms is one idle turn of the worker.
+        ASSERT_EQ(client.engine.enableHeartbeat(nullptr, 60, &client.err), 1);
+        RawPeer::Delivery d;
+        do
+            d = peer.next();
+        while (!d.body.empty() && d.reply_to != name);
+        EXPECT_EQ(d.body, "0 1 varto_heartbeat");
+        EXPECT_EQ(d.content_type, mode == 1 ? "zelz" : "zel");
+    }
+}
+
+// ---- TLS ------------------------------------------------------------------------
+
+TEST(AmqpBroker, TlsWithACaAloneAndWithAClientCertificate)
+{
+    Tls ca_only{broker->tls_file("ca.pem")};
+    Tls mutual{broker->tls_file("ca.pem"), broker->tls_file("client.key"), broker->tls_file("client.pem")};
+    Client anonymous(unique_name("tls"), 0, ca_only);
+    Client authenticated(unique_name("mtls"), 2, mutual);
+    ASSERT_TRUE(anonymous.connect());
+    ASSERT_TRUE(authenticated.connect());
+    Recorder r;
+    authenticated.watch({60001}, {"tls"}, &r);
+    authenticated.send({{60001, "tls"}});
+    ASSERT_TRUE(pump_until([&] { return !r.messages.empty(); }));
+
+    // A certificate of a CA the broker does not know is refused: create
+    // returns once that first attempt has failed.
+    Client stranger(unique_name("stranger"), 0,
+                    {broker->tls_file("ca.pem"), broker->tls_file("stranger.key"), broker->tls_file("stranger.pem")});
+    EXPECT_NE(stranger.status(), ZEL_STATUS_CONNECTED);
+}
+
+TEST(AmqpBroker, VerifyingThePeerRefusesABrokerTheCaDidNotSign)
+{
+    ::setenv("ZEL_TLS_VERIFY_PEER", "1", 1);
+    Client wrong_ca(unique_name("verify"), 0, {broker->tls_file("other_ca.pem")}, "localhost");
+    EXPECT_EQ(wrong_ca.status(), ZEL_STATUS_RECOVERING);
+    Client right_ca(unique_name("verify"), 0, {broker->tls_file("ca.pem")}, "localhost");
+    EXPECT_TRUE(right_ca.connect());
+    ::unsetenv("ZEL_TLS_VERIFY_PEER");
+    // Without verification the same wrong CA is not noticed.
+    Client unverified(unique_name("verify"), 0, {broker->tls_file("other_ca.pem")}, "localhost");
+    EXPECT_TRUE(unverified.connect());
+}
+
+TEST(AmqpBroker, AnExchangeThatDoesNotExistClosesTheChannelAndTheConnectionRecovers)
+{
+    Client client(unique_name("noexchange"), 0, {}, "127.0.0.1", 0, "no.such.exchange");
+    EXPECT_EQ(client.status(), ZEL_STATUS_RECOVERING);
+}
+
+// Every report a worker makes, in order.
+struct ReportLog : CVartoSpy {
+    using CVartoSpy::CVartoSpy;
+    std::mutex lock;
+    std::vector<std::string> texts;
+    int report(int level, std::string_view text) override
+    {
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            texts.emplace_back(text);
+        }
+        return CVartoSpy::report(level, text);
+    }
+};
+
+TEST(AmqpBroker, ABrokerThatNeverAnswersEndsTheWorkerAfterTheAttemptBudget)
+{
+    ::setenv("ZEL_RECONNECT_BASE_MS", "1", 1);
+    ::setenv("ZEL_RECONNECT_MAX_MS", "1", 1);
+    CIntRxWnd window;
+    ReportLog reports(window);
+    CAmqpEngine engine(&window);
+    window.set_engine(&engine);
+    // Port 1: nothing listens there, so every connect is refused at once.
+    std::string description = "amq.topic@budget@guest@127.0.0.1@1@/@guest";
+    ASSERT_EQ(engine.create_connection(description, 0, "", "", "", &reports), 1);
+    ASSERT_TRUE(pump_until([&] { return !engine.worker_running(); }));
+    std::lock_guard<std::mutex> guard(reports.lock);
+    EXPECT_EQ(reports.texts.back(), "no of reconnection attempts limit breached. shutting down.");
+    EXPECT_EQ(std::count(reports.texts.begin(), reports.texts.end(), "recovery attempt failed, trying again"), 121);
+    ::unsetenv("ZEL_RECONNECT_BASE_MS");
+    ::unsetenv("ZEL_RECONNECT_MAX_MS");
+}
+
+// ---- Trace file -----------------------------------------------------------------------
+
+TEST(AmqpBroker, TheTraceShowsBindsSendsAndDeliveriesInAdminText)
+{
+    std::string path = ::testing::TempDir() + "amqp.trace";
+    Client client(unique_name("trace"));
+    ASSERT_TRUE(client.connect());
+    client.engine.enable_log(nullptr, path);
+    Recorder r;
+    client.watch({60002}, {"t"}, &r);
+    client.send({{60002, "t"}});
+    ASSERT_TRUE(pump_until([&] { return !r.messages.empty(); }));
+    client.engine.disable_log(nullptr, path);
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    const std::string stamp = R"([0-9]{1,2}-[0-9]{1,2}-[0-9]{4} [0-9]{1,2}:[0-9]{1,2}:[0-9]{1,2}:[0-9]{1,3})";
+    for (const std::string &group : {"> " + stamp + R"( \| amq\.topic \| 1 \| #\.\^60002\.t\.# \n> #\.\^60002\.t\.#\n>\n)",
+                                     "< " + stamp + R"( \| Amqp Send Message Failed \n \n< \n<\n)",
+                                     "> " + stamp + R"( \| amq\.topic \| 13 \| \^60002\.t \n> 60002 1 t \n>\n)",
+                                     "< " + stamp + R"( \| amq\.topic \| 13 \| \^60002\.t \n< 60002 1 t \n<\n)"})
+        EXPECT_TRUE(std::regex_search(text.str(), std::regex(group))) << group << "\n" << text.str();
+}
+
+// ---- Outages ----------------------------------------------------------------------
+
+TEST(AmqpBroker, StoppedAndKilledBrokersAreLostThenRecoveringAndARestartBindsEveryWatchAgain)
+{
+    ::setenv("ZEL_RECONNECT_BASE_MS", "50", 1);
+    ::setenv("ZEL_RECONNECT_MAX_MS", "200", 1);
+    Client client(unique_name("outage"));
+    ASSERT_TRUE(client.connect());
+    Recorder prices;
+    client.watch({5}, {"up"}, &prices);
+    settle(client);
+    for (int signal : {SIGTERM, SIGKILL}) {
+        size_t heard = client.statuses.seen.size();
+        broker->stop(signal);
+        ASSERT_TRUE(pump_until([&] { return client.statuses.seen.size() == heard + 2; })) << signal;
+        EXPECT_EQ(client.statuses.seen.back(), ZEL_STATUS_RECOVERING);
+        EXPECT_EQ(client.status(), ZEL_STATUS_RECOVERING);
+        broker->start();
+        ASSERT_TRUE(client.connect());
+        settle(client); // the watch went to the new queue before the status said connected
+        size_t seen = prices.messages.size();
+        client.send({{5, "up"}});
+        ASSERT_TRUE(pump_until([&] { return prices.messages.size() == seen + 1; }));
+    }
+    ::unsetenv("ZEL_RECONNECT_BASE_MS");
+    ::unsetenv("ZEL_RECONNECT_MAX_MS");
+}
+
+} // namespace
