@@ -203,13 +203,29 @@ public:
     /* Opens the connection whose transport `type` names: "hub" or "" for a
      * hub at host:port; "ZMQ_SUB" or "ZMQ_PUB" (exact case) for ZeroMQ;
      * anything else for an AMQP broker. ZeroMQ is described by host, port,
-     * type, `text7` and `text6`; AMQP by `text6`, `text7`, `text5`, host, port,
-     * type and `text4`. `text7` is also the connection's instance name (the
-     * hub announces it). `option`, `text9` to `text11` go to the transport
-     * unchanged; `callback` is kept for the transport. Returns once the first
-     * connect attempt has ended, whatever its outcome: watch the status for
-     * it. Answers 1, or 0 when this object already has a connection or when
-     * this build has no such transport. */
+     * type, `text7` and `text6`. `text7` is also the connection's instance
+     * name (the hub announces it). `callback` is kept for the transport.
+     * Returns once the first connect attempt has ended, whatever its outcome:
+     * watch the status for it. Answers 1, or 0 when this object already has a
+     * connection or when this build has no such transport.
+     *
+     * AMQP (0-9-1 broker):
+     *   host    the broker's server name; when PL_LOC_BROK_ADDR names an
+     *           address book, the address it gives for the name is used (the
+     *           name itself when it has none)
+     *   port    the broker's port (TLS or plain)
+     *   type    the virtual host, for example "/"
+     *   text4   user            text5   password
+     *   text6   the exchange (never declared by the engine: a topic exchange
+     *           routes by key, a fanout one gives every client everything)
+     *   text7   the client name: its private queue is "<name>_<N>", bound
+     *           with "#.<name>.#", and it is the reply_to of every publish
+     *   option  compression of message bodies: 0 none ("zel"), 1 LZMA, 2 the
+     *           block codec (both "zelz")
+     *   text9   CA certificate file: set, the connection uses TLS
+     *   text10, text11  client key and certificate files: both set, the
+     *           client authenticates with them
+     * No field may hold "@": the fields travel joined by "@". */
     int create_connection(int port, std::string host, std::string type, std::string text4, std::string text5,
                           std::string text6, std::string text7, int option, std::string text9, std::string text10,
                           std::string text11, int (*callback)(char *));

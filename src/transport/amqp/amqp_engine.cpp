@@ -112,8 +112,10 @@ CAmqpEngine::Published CAmqpEngine::queue_publish(const std::string &routing_key
         worker_->reportStatus(1, "connection not open");
         return Published::not_open;
     }
-    CPublishMessage publish{CPublishMessage::publish, worker_->exchange(), routing_key,
-                            std::string(message->data, size_t(message->len))};
+    std::string_view body(message->data, size_t(message->len));
+    if (worker_->publish_now(routing_key, body))
+        return Published::queued;
+    CPublishMessage publish{CPublishMessage::publish, worker_->exchange(), routing_key, std::string(body)};
     return worker_->sender().queue_publish(std::move(publish)) ? Published::queued : Published::queue_full;
 }
 

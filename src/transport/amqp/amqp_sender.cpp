@@ -46,3 +46,9 @@ void CAmqpSender::take_queued(std::deque<CPublishMessage> &binds, std::deque<CPu
     binds.swap(binds_);
     publishes.swap(publishes_);
 }
+
+bool CAmqpSender::nothing_queued()
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    return binds_.empty() && publishes_.empty();
+}

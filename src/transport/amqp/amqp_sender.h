@@ -29,6 +29,15 @@ public:
     // False, with nothing queued, when the bytes not yet published would
     // then pass the send-queue bound.
     bool queue_publish(CPublishMessage message);
+    // Whether no bind and no message waits for the worker.
+    bool nothing_queued();
+    // A message the application thread publishes itself, counted as if it
+    // had been queued and taken.
+    void count_published_now(size_t bytes)
+    {
+        queued_bytes_.fetch_add(bytes, std::memory_order_relaxed);
+        unpublished_.fetch_add(bytes, std::memory_order_relaxed);
+    }
     // Bytes handed over for publishing since the last reset.
     uint64_t queued_bytes() const { return queued_bytes_.load(std::memory_order_relaxed); }
     void reset_queued_bytes() { queued_bytes_.store(0, std::memory_order_relaxed); }

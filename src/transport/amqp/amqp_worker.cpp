@@ -86,6 +86,14 @@ std::string CAmqpWorker::host_for_server_name() const
 
 int CAmqpWorker::serve()
 {
+    worker_hold_.lock();
+    int result = connect_and_receive();
+    worker_hold_.unlock();
+    return result;
+}
+
+int CAmqpWorker::connect_and_receive()
+{
     const std::string binding_key = "#." + settings_.name + ".#";
     const std::string queue_name = settings_.name + "_" + std::to_string(queue_counter.fetch_add(1));
     const std::string host = host_for_server_name();
@@ -303,7 +311,9 @@ bool CAmqpWorker::wait_for_input(bool *idle)
     if (amqp_frames_enqueued(connection_) || amqp_data_in_buffer(connection_))
         return false;
     pollfd waits[2] = {{amqp_get_sockfd(connection_), POLLIN, 0}, {sender_.wake_fd(), POLLIN, 0}};
+    worker_hold_.unlock();
     int ready = ::poll(waits, 2, turn_ms);
+    worker_hold_.lock();
     *idle = ready == 0;
     if (waits[1].revents & POLLIN) {
         sender_.drain_wakes();
@@ -390,27 +400,41 @@ void CAmqpWorker::drain_sender()
     }
     taken_binds_.clear();
     for (const CPublishMessage &message : taken_publishes_)
-        publish(message);
+        publish(message.exchange, message.key, message.body);
     taken_publishes_.clear();
 }
 
-void CAmqpWorker::publish(const CPublishMessage &message)
+bool CAmqpWorker::publish_now(const std::string &routing_key, std::string_view body)
 {
-    const scratchcb *body = codec_.pack(message.body.data(), int32_t(message.body.size()));
+    std::unique_lock<std::mutex> hold(connection_lock_, std::try_to_lock);
+    if (!hold || recovering() || !connection_ || !sender_.nothing_queued())
+        return false;
+    sender_.count_published_now(body.size());
+    publish(settings_.exchange, routing_key, body);
+    // What the library read from the socket while sending waits inside the
+    // connection, where the worker's wait would not see it.
+    if (amqp_frames_enqueued(connection_) || amqp_data_in_buffer(connection_))
+        sender_.wake();
+    return true;
+}
+
+void CAmqpWorker::publish(const std::string &exchange, const std::string &routing_key, std::string_view message)
+{
+    const scratchcb *body = codec_.pack(message.data(), int32_t(message.size()));
     if (body) {
         amqp_basic_properties_t properties{};
         properties._flags = AMQP_BASIC_CONTENT_TYPE_FLAG | AMQP_BASIC_DELIVERY_MODE_FLAG | AMQP_BASIC_REPLY_TO_FLAG;
         properties.content_type = bytes_of(codec_.content_type());
         properties.delivery_mode = AMQP_DELIVERY_PERSISTENT;
         properties.reply_to = bytes_of(settings_.name);
-        int code = amqp_basic_publish(connection_, channel, bytes_of(message.exchange), bytes_of(message.key), 1, 0,
+        int code = amqp_basic_publish(connection_, channel, bytes_of(exchange), bytes_of(routing_key), 1, 0,
                                       &properties, amqp_bytes_t{size_t(body->len), body->data});
         if (code == AMQP_STATUS_OK)
-            trace_.sent_message(message.exchange, message.key, message.body.data(), int32_t(message.body.size()));
+            trace_.sent_message(exchange, routing_key, message.data(), int32_t(message.size()));
         else
-            reportStatus(0, "Error while sending " + message.key + " message : " + amqp_error_string2(code));
+            reportStatus(0, "Error while sending " + routing_key + " message : " + amqp_error_string2(code));
     }
-    sender_.published(message.body.size());
+    sender_.published(message.size());
 }
 
 // ---- Heartbeat -----------------------------------------------------------------

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <deque>
+#include <mutex>
 #include <string>
 
 #include "api/worker.h"
@@ -53,6 +54,11 @@ public:
     const std::string &exchange() const { return settings_.exchange; }
     // While a recovery is pending, publishing is refused.
     bool recovering() const { return recovering_.load(std::memory_order_acquire); }
+    // Publishes `message` from the calling thread at once, when the worker
+    // is waiting and nothing queued before it would be overtaken: a hand-off
+    // to the worker costs a thread wake-up on every request and reply.
+    // False when it must be queued instead. @locality application thread
+    bool publish_now(const std::string &routing_key, std::string_view body);
     void enable_heartbeat(long period);
     zel::TraceFile &trace() { return trace_; }
     // Has the worker close channel and connection at the broker (only the
@@ -63,6 +69,7 @@ public:
     uint64_t returned() const { return returned_.load(std::memory_order_relaxed); }
 
 private:
+    int connect_and_receive();
     bool open_plain_socket(const std::string &host, int *result);
     bool open_tls_socket(const std::string &host, int *result);
     bool rpc_succeeded(const char *context, int *result);
@@ -73,12 +80,18 @@ private:
     void take_frame();
     void deliver(const amqp_envelope_t &envelope);
     void drain_sender();
-    void publish(const CPublishMessage &message);
+    void publish(const std::string &exchange, const std::string &routing_key, std::string_view body);
     void count_idle_turn(int *idle_turns);
     bool socket_open() const;
     void close_connection();
     void tear_down();
     std::string host_for_server_name() const;
+
+    // Every call into the client library on the connection is made under
+    // connection_lock_. The worker holds it all the time except while it
+    // waits for input, which is when an application thread may publish.
+    std::mutex connection_lock_;
+    std::unique_lock<std::mutex> worker_hold_{connection_lock_, std::defer_lock};
 
     AmqpSettings settings_;
     CAmqpSender sender_;

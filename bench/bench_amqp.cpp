@@ -1,0 +1,322 @@
+// End to end through a private RabbitMQ, beside the client library used raw
+// as reference, plain TCP and TLS:
+//  - throughput: a publisher engine -> broker -> a subscriber engine with one
+//    watch that pumps its messages, 100-byte messages; a raw publisher and a
+//    raw no-ack consumer doing the same through the same broker;
+//  - latency: request/reply round trips between two engines through the
+//    broker; a raw ping-pong between two raw connections.
+//
+//     build/bench/bench_amqp [messages] [round-trips]
+#include <zel/zel.h>
+
+#include <amqp.h>
+#include <amqp_ssl_socket.h>
+#include <amqp_tcp_socket.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/messages.h"
+#include "support/rabbitmq_broker.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using zel::test::build_message;
+
+zel::test::RabbitBroker *broker;
+bool tls = false;
+
+int port()
+{
+    return tls ? broker->tls_port() : broker->port();
+}
+
+std::string ca()
+{
+    return tls ? broker->tls_file("ca.pem") : "";
+}
+
+// ---- Raw client library --------------------------------------------------------
+
+class Raw {
+public:
+    Raw()
+    {
+        c_ = amqp_new_connection();
+        amqp_socket_t *s = nullptr;
+        if (tls) {
+            s = amqp_ssl_socket_new(c_);
+            amqp_ssl_socket_set_cacert(s, ca().c_str());
+            amqp_ssl_socket_set_verify_peer(s, 0);
+            amqp_ssl_socket_set_verify_hostname(s, 0);
+        } else {
+            s = amqp_tcp_socket_new(c_);
+        }
+        amqp_socket_open(s, "127.0.0.1", port());
+        amqp_login(c_, "/", 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, "guest", "guest");
+        amqp_channel_open(c_, 1);
+        amqp_get_rpc_reply(c_);
+    }
+    ~Raw()
+    {
+        amqp_channel_close(c_, 1, AMQP_REPLY_SUCCESS);
+        amqp_connection_close(c_, AMQP_REPLY_SUCCESS);
+        amqp_destroy_connection(c_);
+    }
+    void listen(const char *key)
+    {
+        auto *q = amqp_queue_declare(c_, 1, amqp_empty_bytes, 0, 0, 1, 1, amqp_empty_table);
+        amqp_queue_bind(c_, 1, q->queue, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key), amqp_empty_table);
+        amqp_basic_consume(c_, 1, q->queue, amqp_empty_bytes, 0, 1, 0, amqp_empty_table);
+        amqp_get_rpc_reply(c_);
+    }
+    void publish(const char *key, const std::string &body)
+    {
+        amqp_basic_publish(c_, 1, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key), 0, 0, nullptr,
+                           amqp_bytes_t{body.size(), const_cast<char *>(body.data())});
+    }
+    void next()
+    {
+        amqp_envelope_t e;
+        amqp_maybe_release_buffers(c_);
+        if (amqp_consume_message(c_, &e, nullptr, 0).reply_type == AMQP_RESPONSE_NORMAL)
+            amqp_destroy_envelope(&e);
+    }
+
+private:
+    amqp_connection_state_t c_;
+};
+
+// ---- Engines --------------------------------------------------------------------------
+
+int status_of(CZelEngine &engine)
+{
+    int status = 0, err = 0;
+    engine.getConnectionStatus(&status, &err);
+    return status;
+}
+
+void connect(CZelEngine &engine, const char *name)
+{
+    engine.create_connection(port(), "127.0.0.1", "/", "guest", "guest", "amq.topic", name, 0, ca(), "", "",
+                             nullptr);
+    while (status_of(engine) != ZEL_STATUS_CONNECTED)
+        zel_pump_messages(10);
+}
+
+struct Counter : CZelReceiver {
+    std::atomic<long> messages{0};
+    long replies = 0;
+    int processMsg(vartocb *, int, sWatchData *, void *, int *) override { return ++messages, 1; }
+    int processReply(vartocb *, int, void *, void *, int *) override { return ++replies, 1; }
+};
+
+int send(CZelEngine &engine, std::string &bytes)
+{
+    scratchcb message{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()), bytes.data()};
+    int err = 0;
+    return engine.sendMsg(&message, &err);
+}
+
+void *watch(CZelEngine &engine, int tag, const char *value, CZelReceiver *receiver)
+{
+    sPChar v{const_cast<char *>(value), int32_t(std::strlen(value))};
+    void *handle = nullptr;
+    int err = 0;
+    engine.addWatch(&handle, &tag, &v, 1, receiver, nullptr, false, 0, false, false, &err);
+    return handle;
+}
+
+// Waits until the broker holds every bind `engine` asked for.
+void settle(CZelEngine &engine, const char *mark)
+{
+    Counter sync;
+    watch(engine, 60000, mark, &sync);
+    std::string message = build_message({{60000, mark}});
+    send(engine, message);
+    while (sync.messages == 0)
+        zel_pump_messages(10);
+}
+
+const std::string hundred_bytes = build_message({{5, "x"}, {44, std::string(81, 'p')}});
+
+double engine_throughput(long messages)
+{
+    CZelEngine subscriber;
+    connect(subscriber, "bench-sub");
+    Counter counter;
+    watch(subscriber, 5, "x", &counter);
+    settle(subscriber, "sub");
+    std::atomic<bool> done{false};
+    auto start = Clock::now();
+    std::thread publisher_thread([&] {
+        CZelEngine publisher;
+        connect(publisher, "bench-pub");
+        std::string message = hundred_bytes;
+        for (long i = 0; i < messages; ++i)
+            while (!send(publisher, message))
+                std::this_thread::yield(); // the send queue is full: the broker sets the pace
+        while (!done)
+            zel_pump_messages(10);
+    });
+    while (counter.messages < messages)
+        zel_pump_messages(10);
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    done = true;
+    publisher_thread.join();
+    return double(messages) / seconds;
+}
+
+double raw_throughput(long messages)
+{
+    Raw consumer;
+    consumer.listen("^5.x.#");
+    auto start = Clock::now();
+    std::thread publisher_thread([&] {
+        Raw publisher;
+        for (long i = 0; i < messages; ++i)
+            publisher.publish("^5.x.^44.p", hundred_bytes);
+    });
+    for (long i = 0; i < messages; ++i)
+        consumer.next();
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    publisher_thread.join();
+    return double(messages) / seconds;
+}
+
+struct Percentiles {
+    double median_us, p99_us;
+};
+
+Percentiles percentiles(std::vector<double> samples)
+{
+    std::sort(samples.begin(), samples.end());
+    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
+}
+
+template <typename Trip>
+Percentiles measure(int trips, Trip trip)
+{
+    std::vector<double> samples;
+    for (int i = 0; i < trips + trips / 10; ++i) { // the first tenth warms up
+        auto start = Clock::now();
+        trip();
+        if (i >= trips / 10)
+            samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    return percentiles(samples);
+}
+
+Percentiles engine_round_trips(int trips)
+{
+    struct Echo : CZelReceiver {
+        CZelEngine *engine = nullptr;
+        int processMsg(vartocb *request, int, sWatchData *, void *, int *) override
+        {
+            int err = 0;
+            sPChar number{};
+            zel_get_data(request, 32760, 0, &number, &err);
+            std::string reply = build_message(
+                {{32767, "1"}, {32760, std::string(number.data, size_t(number.len))}, {100, "bench-client"}});
+            send(*engine, reply);
+            return 1;
+        }
+        int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
+    };
+    std::atomic<bool> serving{false}, done{false};
+    std::thread server_thread([&] {
+        CZelEngine server;
+        Echo echo;
+        echo.engine = &server;
+        connect(server, "bench-server");
+        sPChar name{const_cast<char *>("echo"), 4};
+        int err = 0;
+        server.registerSrvc(&name, &echo, 0, &err);
+        settle(server, "server");
+        serving = true;
+        while (!done)
+            zel_pump_messages(10);
+    });
+    CZelEngine client;
+    connect(client, "bench-client");
+    settle(client, "client");
+    while (!serving)
+        std::this_thread::yield();
+    Counter counter;
+    std::string request_bytes = build_message({{0, "echo"}, {44, std::string(70, 'q')}});
+    scratchcb *request = nullptr;
+    int err = 0;
+    zel_open_scratch(&request, 256, &err);
+    Percentiles result = measure(trips, [&] {
+        std::memcpy(request->data, request_bytes.data(), request_bytes.size());
+        request->len = int32_t(request_bytes.size());
+        void *handle = nullptr;
+        long before = counter.replies;
+        client.addRqDontStore(&handle, request, &counter, nullptr, &err);
+        while (counter.replies == before)
+            zel_pump_messages(-1);
+    });
+    zel_close_scratch(&request, &err);
+    done = true;
+    server_thread.join();
+    return result;
+}
+
+Percentiles raw_round_trips(int trips)
+{
+    Raw pinger, ponger;
+    pinger.listen("pong");
+    ponger.listen("ping");
+    std::string body = build_message({{0, "echo"}, {44, std::string(70, 'q')}});
+    int total = trips + trips / 10;
+    std::thread echo([&] {
+        for (int i = 0; i < total; ++i) {
+            ponger.next();
+            ponger.publish("pong", body);
+        }
+    });
+    Percentiles result = measure(trips, [&] {
+        pinger.publish("ping", body);
+        pinger.next();
+    });
+    echo.join();
+    return result;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    long messages = argc > 1 ? std::atol(argv[1]) : 100000;
+    int trips = argc > 2 ? std::atoi(argv[2]) : 2000;
+    // Data messages are routed by their fields, so that they reach watches.
+    ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
+    zel::test::RabbitBroker private_broker;
+    broker = &private_broker;
+
+    std::printf("%-52s %12s %12s %7s\n", "", "engines", "raw", "ratio");
+    for (bool with_tls : {false, true}) {
+        tls = with_tls;
+        const char *how = tls ? "TLS" : "plain";
+        double engine_rate = engine_throughput(messages);
+        double raw_rate = raw_throughput(messages);
+        Percentiles engine_trip = engine_round_trips(trips);
+        Percentiles raw_trip = raw_round_trips(trips);
+        std::printf("%-5s %-46s %12.0f %12.0f %7.2f\n", how, "throughput, 100-byte messages, msg/s", engine_rate,
+                    raw_rate, engine_rate / raw_rate);
+        std::printf("%-5s %-46s %12.1f %12.1f %7.2f\n", how, "round trip median, us", engine_trip.median_us,
+                    raw_trip.median_us, engine_trip.median_us / raw_trip.median_us);
+        std::printf("%-5s %-46s %12.1f %12.1f %7.2f\n", how, "round trip 99th percentile, us", engine_trip.p99_us,
+                    raw_trip.p99_us, engine_trip.p99_us / raw_trip.p99_us);
+        std::fflush(stdout);
+    }
+    return 0;
+}
