@@ -1,13 +1,12 @@
 // The facade and the engine and worker bases: connection creation for each
-// transport type, forwarding and the fixed answers, the worker thread's start
-// and stop, status reports, and the watch and request messages engines send.
+// transport type, forwarding and refusals, the worker thread's start and stop,
+// recovery and status reports.
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
-#include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "api/engine_factory.h"
@@ -44,20 +43,15 @@ struct Facade : ::testing::Test {
         while (zel_pump_messages(0) > 0)
             ;
     }
-    static int connect(CZelEngine &e, const std::string &type, const std::string &host = "10.0.0.5", int port = 7001)
+    static int connect(CZelEngine &e, const std::string &type)
     {
-        return e.create_connection(port, host, type, "a4", "a5", "a6", "a7", 8, "a9", "a10", "a11", nullptr);
+        return e.create_connection(7001, "10.0.0.5", type, "a4", "a5", "a6", "a7", 8, "a9", "a10", "a11", nullptr);
     }
 };
 
 TEST_F(Facade, TheTypeChoosesTheEngineAndItsDescription)
 {
-    struct Case {
-        std::string type;
-        Transport transport;
-        std::string description;
-    };
-    for (const Case &c : std::vector<Case>{
+    for (const auto &[type, transport, description] : std::vector<std::tuple<std::string, Transport, std::string>>{
              {"hub", Transport::hub, "10.0.0.5@7001"},
              {"", Transport::hub, "10.0.0.5@7001"},
              {"ZMQ_SUB", Transport::zmq, "10.0.0.5@7001@ZMQ_SUB@a7@a6"},
@@ -65,42 +59,44 @@ TEST_F(Facade, TheTypeChoosesTheEngineAndItsDescription)
              {"zmq_sub", Transport::amqp, "a6@a7@a5@10.0.0.5@7001@zmq_sub@a4"},
              {"amqps", Transport::amqp, "a6@a7@a5@10.0.0.5@7001@amqps@a4"}}) {
         CZelEngine e;
-        ASSERT_EQ(connect(e, c.type), 1) << c.type;
-        EXPECT_EQ(made_for, c.transport) << c.type;
-        EXPECT_EQ(made->description, c.description) << c.type;
+        ASSERT_EQ(connect(e, type), 1) << type;
+        EXPECT_EQ(std::make_pair(made_for, made->description), std::make_pair(transport, description)) << type;
         // Meters are reset (with no error slot) before the connection starts.
         EXPECT_EQ(made->calls, (std::vector<std::string>{"resetMeters(null)", "create_connection"}));
     }
 }
 
-TEST_F(Facade, CreateReturnsAfterTheFirstAttemptAndOnlyOnce)
+TEST_F(Facade, CreateReturnsAfterTheFirstAttemptEvenAFailedOneOnlyOnceAndOnlyALaterListenerHears)
 {
+    struct Listener : CZelListener {
+        std::vector<int> seen;
+        int statusChange(int status, int *) override { return seen.push_back(status), 1; }
+    } early, late;
     CZelEngine e;
     int status = 99, err = 0;
-    e.getConnectionStatus(&status, &err); // no connection yet: left alone
+    e.setConnectionListener(&early, &err); // no connection yet: lost, and the status left alone
+    e.getConnectionStatus(&status, &err);
     EXPECT_EQ(status, 99);
     ASSERT_EQ(connect(e, "hub"), 1);
     RecordingEngine *first = made;
+    e.setConnectionListener(&late, &err);
     e.getConnectionStatus(&status, &err); // the worker connected before create returned
     EXPECT_EQ(status, ZEL_STATUS_CONNECTED);
     EXPECT_EQ(connect(e, "hub"), 0);
-    EXPECT_EQ(made, first);
-    EXPECT_EQ(first->worker.serves, 1);
+    EXPECT_TRUE(made == first && first->worker.serves == 1);
     CIntRxWnd *window = first->window();
-    EXPECT_EQ(window->engine(), first);
-    EXPECT_EQ(window->owner(), &e);
-    EXPECT_EQ(window->instance_text(), "a7");
-}
+    EXPECT_TRUE(window->engine() == first && window->owner() == &e && window->instance_text() == "a7");
+    zel_pump_messages(0);
+    EXPECT_TRUE(early.seen.empty());
+    EXPECT_EQ(late.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 
-TEST_F(Facade, AWorkerThatNeverConnectsStillLetsCreateReturn)
-{
-    CZelEngine e;
-    zel::engine_maker(Transport::hub) = [](CIntRxWnd *) -> CVartoEngine * {
+    zel::engine_maker(Transport::zmq) = [](CIntRxWnd *) -> CVartoEngine * {
         made = new RecordingEngine;
         made->worker.script = [](ScriptedWorker &) {}; // serve gives up at once
         return made;
     };
-    ASSERT_EQ(connect(e, "hub"), 1);
+    CZelEngine never;
+    ASSERT_EQ(connect(never, "ZMQ_SUB"), 1);
     EXPECT_EQ(made->worker.connection_state(), CVartoWorker::first_attempt_failed);
 }
 
@@ -129,26 +125,22 @@ std::vector<int> call_everything(CZelEngine &e, int *err)
             e.disable_log(nullptr, "")};
 }
 
-TEST_F(Facade, WithoutAConnectionEveryCallAnswersZeroAndCallsNothing)
+TEST_F(Facade, CallsWithoutAConnectionOrWithBadArgumentsAnswerZeroAndReachNoTransport)
 {
     zel::engine_maker(Transport::amqp) = nullptr; // a transport this build lacks
-    CZelEngine never, failed;
+    CZelEngine never, failed, e;
     made = nullptr;
     ASSERT_EQ(connect(failed, "amqps"), 0);
     EXPECT_EQ(made, nullptr);
-    for (CZelEngine *e : {&never, &failed}) {
+    for (CZelEngine *unconnected : {&never, &failed}) {
         int err = 0;
-        EXPECT_EQ(call_everything(*e, &err), std::vector<int>(16, 0));
+        EXPECT_EQ(call_everything(*unconnected, &err), std::vector<int>(16, 0));
         EXPECT_EQ(err, ZEL_DETAIL_NO_CONNECTION);
-        EXPECT_EQ(call_everything(*e, nullptr), std::vector<int>(16, 0));
-        e->getConnectionStatus(nullptr, nullptr);
+        EXPECT_EQ(call_everything(*unconnected, nullptr), std::vector<int>(16, 0));
+        unconnected->getConnectionStatus(nullptr, nullptr);
     }
     EXPECT_EQ(connect(failed, "hub"), 1); // nothing was half made
-}
 
-TEST_F(Facade, BadArgumentsAreRefusedBeforeTheTransportSeesThem)
-{
-    CZelEngine e;
     ASSERT_EQ(connect(e, "hub"), 1);
     made->calls.clear();
     int err = 0, tag = 5;
@@ -168,29 +160,12 @@ TEST_F(Facade, BadArgumentsAreRefusedBeforeTheTransportSeesThem)
     EXPECT_EQ(made->calls, std::vector<std::string>{"enableHeartbeat"});
 }
 
-TEST_F(Facade, TheListenerSetBeforeTheConnectionIsLostAndOneSetAfterHearsChanges)
-{
-    struct Listener : CZelListener {
-        std::vector<int> seen;
-        int statusChange(int status, int *) override { return seen.push_back(status), 1; }
-    } early, late;
-    CZelEngine e;
-    int err = 0;
-    e.setConnectionListener(&early, &err);
-    ASSERT_EQ(connect(e, "hub"), 1);
-    e.setConnectionListener(&late, &err);
-    zel_pump_messages(0);
-    EXPECT_TRUE(early.seen.empty());
-    EXPECT_EQ(late.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
-}
-
 TEST_F(Facade, DestroyingStopsTheWorkerAndWaitsForItsThread)
 {
     static std::atomic<bool> serve_returned{false};
     zel::engine_maker(Transport::hub) = [](CIntRxWnd *) -> CVartoEngine * {
         made = new RecordingEngine;
-        auto connect_and_stay = made->worker.script;
-        made->worker.script = [connect_and_stay](ScriptedWorker &w) {
+        made->worker.script = [connect_and_stay = made->worker.script](ScriptedWorker &w) {
             connect_and_stay(w);
             serve_returned = true;
         };
@@ -213,12 +188,13 @@ struct Worker : ::testing::Test {
         window.set_engine(&engine);
         engine.set_window(&window);
     }
-    void start() { ASSERT_TRUE(engine.create_connection("", 0, "", "", "", &window.monitor())); }
-    void pump_until_status(int status)
+    void TearDown() override
     {
-        while (window.status() != status)
-            zel_pump_messages(-1);
+        owned.reset(); // stops the worker, so that nothing is posted after the drain
+        while (zel_pump_messages(0) > 0)
+            ;
     }
+    void start() { ASSERT_TRUE(engine.create_connection("", 0, "", "", "", &window.monitor())); }
 };
 
 TEST_F(Worker, ARecoveryTimerKeepsTheWorkerAliveUntilItConnects)
@@ -240,7 +216,8 @@ TEST_F(Worker, ARecoveryTimerKeepsTheWorkerAliveUntilItConnects)
     };
     start();
     EXPECT_EQ(engine.worker.connection_state(), CVartoWorker::first_attempt_failed);
-    pump_until_status(ZEL_STATUS_CONNECTED);
+    while (window.status() != ZEL_STATUS_CONNECTED)
+        zel_pump_messages(-1);
     EXPECT_EQ(engine.worker.recovers, 1);
     EXPECT_EQ(engine.worker.serves, 2);
     EXPECT_FALSE(engine.stop_requested()); // serve's first return left no stale count behind

@@ -17,13 +17,10 @@ namespace {
 
 class Files : public ::testing::Test {
 protected:
-    std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                ("zel_descriptors_" + std::to_string(getpid()) + "_" +
-                                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::string path = (dir / "file").string();
+    std::string dir = (std::filesystem::temp_directory_path() / "zel_descriptors_XXXXXX").string();
+    std::string path = std::string(mkdtemp(dir.data())) + "/file";
     uint32_t err = 99;
 
-    Files() { std::filesystem::create_directories(dir); }
     ~Files() override { std::filesystem::remove_all(dir); }
 
     sFileDescriptor *open(uint32_t access, uint32_t format)
@@ -76,9 +73,9 @@ TEST_F(Files, TextLinesLoseTheirNewlineAndFollowingBlanksAndAnEmptyLineEndsTheFi
     Scratch line;
     EXPECT_EQ(sys_fd_read(fd, 0, &line.s, &err), 7u);
     EXPECT_EQ(std::string(line.s.data), "first  ") << "terminated, trailing blanks kept";
-    EXPECT_TRUE(sys_fd_read(fd, 0, &line.s, &err) == 6u && line.str() == "second");
+    EXPECT_TRUE(sys_fd_read(fd, 0, &line.s, &err) == 6u && line.bytes() == "second");
     EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 9u) << "a line of 1 MiB is refused, and skipped";
-    EXPECT_TRUE(sys_fd_read(fd, 0, &line.s, &err) == 5u && line.str() == "third");
+    EXPECT_TRUE(sys_fd_read(fd, 0, &line.s, &err) == 5u && line.bytes() == "third");
     EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 0u);
     EXPECT_FAILURE(sys_fd_read(fd, 0, &line.s, &err), err, 0u) << "the empty line stays the end";
     EXPECT_EQ(std::make_pair(fd->records_read, fd->bytes_read), std::make_pair(3u, 18u));
@@ -99,7 +96,7 @@ TEST_F(Files, LengthPrefixedRecordsReadBackOneByOneAsWrittenAndAreMetered)
     fd = open(SYS_FD_READ, SYS_FD_RECORDS);
     Scratch record;
     for (const std::string &expected : {std::string("a"), binary})
-        EXPECT_TRUE(sys_fd_read(fd, 0, &record.s, &err) == expected.size() && record.str() == expected);
+        EXPECT_TRUE(sys_fd_read(fd, 0, &record.s, &err) == expected.size() && record.bytes() == expected);
     EXPECT_FAILURE(sys_fd_read(fd, 0, &record.s, &err), err, 0u);
     EXPECT_EQ(record.s.len, 0);
     EXPECT_EQ((std::array{fd->records_read, fd->read_calls, fd->bytes_read}),
@@ -113,14 +110,31 @@ TEST_F(Files, BatchedReadsKeepAPartialRecordUntilTheFileHoldsItAll)
     append_raw(whole.substr(0, 7 + 5000));
     sFileDescriptor *fd = open(SYS_FD_READ, SYS_FD_RECORDS);
     Scratch batch;
-    EXPECT_TRUE(sys_fd_read_buffer(fd, 0, &batch.s, &err) == 1u && batch.str() == "one");
+    EXPECT_TRUE(sys_fd_read_buffer(fd, 0, &batch.s, &err) == 1u && batch.bytes() == "one");
     EXPECT_FAILURE(sys_fd_read_buffer(fd, 0, &batch.s, &err), err, 0u) << "the large record is partial";
     append_raw(whole.substr(7 + 5000));
     EXPECT_EQ(sys_fd_read_buffer(fd, 0, &batch.s, &err), 1u);
-    EXPECT_EQ(batch.str(), "one" + large + "three");
+    EXPECT_EQ(batch.bytes(), "one" + large + "three");
     EXPECT_FAILURE(sys_fd_read_buffer(fd, 0, &batch.s, &err), err, 4u);
     EXPECT_EQ(fd->records_read, 3u);
     sys_fd_close(&fd, &err);
+}
+
+// A length above 64 MiB cannot be a record's: refused at once, where one of
+// 64 MiB is taken on trust and found short.
+TEST_F(Files, ARecordLengthAbove64MiBIsRefusedWithDetail5)
+{
+    for (const auto &[length, detail, batched_detail] : {std::tuple{(64u << 20) + 1, 5u, 5u}, {64u << 20, 1u, 4u}}) {
+        std::filesystem::remove(path);
+        append_raw(length_prefix(length) + "x");
+        sFileDescriptor *fd = open(SYS_FD_READ, SYS_FD_RECORDS), *batched = open(SYS_FD_READ, SYS_FD_RECORDS);
+        Scratch record;
+        EXPECT_FAILURE(sys_fd_read(fd, 0, &record.s, &err), err, detail) << length;
+        EXPECT_FAILURE(sys_fd_read_buffer(batched, 0, &record.s, &err), err, 0u) << "only the length is whole";
+        EXPECT_FAILURE(sys_fd_read_buffer(batched, 0, &record.s, &err), err, batched_detail) << length;
+        sys_fd_close(&fd, &err);
+        sys_fd_close(&batched, &err);
+    }
 }
 
 TEST_F(Files, RawFilesReadWholeAndRefusalsNameTheirCause)

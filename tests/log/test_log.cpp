@@ -1,12 +1,9 @@
 // The log through its public interface: the line layout, the choice of
-// destination by environment, cuts of over-long lines, records read back with
-// the message parser, and the remote logger reached over UDP on 127.0.0.1.
+// destination by environment, cuts of over-long lines, records as the message
+// builder makes them, and the remote logger reached over UDP on 127.0.0.1.
 #include <zel/zel.h>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <ctime>
@@ -14,12 +11,12 @@
 #include <fstream>
 #include <optional>
 
-#include "message/message_test_util.h"
+#include "descriptors/descriptor_test_util.h" // LoopbackSocket
+#include "support/messages.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Fields = std::vector<zt::Item>;
 
 constexpr size_t time_width = 24;
 
@@ -49,21 +46,6 @@ std::vector<std::string> lines_of(const fs::path &path)
     return lines;
 }
 
-// Every (tag, value) of the one message in `record`, as the library parses it.
-Fields fields_of(const std::string &record)
-{
-    zt::Varto m;
-    zt::Scratch in(static_cast<int>(record.size()));
-    in.assign(record);
-    int err = 0;
-    EXPECT_EQ(zel_parse_msg(m, &in.s, &err), 1) << "detail " << err;
-    Fields fields;
-    for (int tag : zt::field_order(m))
-        for (const std::string &value : zt::values(m, tag))
-            fields.emplace_back(tag, value);
-    return fields;
-}
-
 // The records of a length-prefixed file, without their lengths.
 std::vector<std::string> records_of(const fs::path &path)
 {
@@ -80,31 +62,6 @@ std::string utc_c_time(time_t t)
     char text[64];
     return std::string(text, std::strftime(text, sizeof text, "%c", gmtime_r(&t, &broken_down)));
 }
-
-// A UDP socket on 127.0.0.1 at a port the system picks.
-class DatagramListener {
-public:
-    DatagramListener()
-    {
-        sockaddr_in at{AF_INET, 0, {htonl(INADDR_LOOPBACK)}};
-        socklen_t size = sizeof at;
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&at), size), 0);
-        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr *>(&at), &size), 0);
-        address = "127.0.0.1:" + std::to_string(ntohs(at.sin_port));
-        timeval lost_datagram_limit{5, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &lost_datagram_limit, sizeof lost_datagram_limit);
-    }
-    ~DatagramListener() { close(fd_); }
-    std::string receive()
-    {
-        std::string datagram(65536, '\0');
-        return datagram.substr(0, size_t(std::max<ssize_t>(recv(fd_, datagram.data(), datagram.size(), 0), 0)));
-    }
-    std::string address;
-
-private:
-    int fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-};
 
 // Every test logs as alice on box1 in UTC to a file in a directory of its own.
 class Log : public ::testing::Test {
@@ -169,7 +126,6 @@ TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreach
     sLogHandle *open_log = log;
     EXPECT_EQ(failure_detail(open("log_file"), err), 7);
     EXPECT_EQ(log, open_log);
-    EXPECT_EQ(failure_detail(sys_log_pm_net(log, 0, 0, nullptr, nullptr, &err), err), 2) << "a file log has no socket";
     close_log();
     EXPECT_EQ(failure_detail(sys_log_open(&log, nullptr, &err), err), 2);
     EXPECT_EQ(failure_detail(sys_log(nullptr, 0, &err, 0, "x"), err), 2);
@@ -185,52 +141,58 @@ TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreach
     EXPECT_EQ(log, nullptr);
 }
 
-TEST_F(Log, AnOverlongLineIsCutAtTheBufferOnACharacterBoundary)
+TEST_F(Log, AnOverlongLineIsCutAtTheBufferBeforeACharacterThatDoesNotFitWhole)
 {
     const size_t room = SYS_LOG_LINE_MAX - time_width - std::strlen(" box1 alice app : ");
     ASSERT_EQ(open("log_file"), 1u);
     ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", std::string(5000, 'x').c_str()), 1u);
-    // One byte of room is left for a two-byte character: it is dropped whole.
-    ASSERT_EQ(sys_log(log, 0, &err, 0, "%s\u00e9\u00e9", std::string(room - 1, 'y').c_str()), 1u);
+    std::vector<std::string> expected = {std::string(room, 'x')};
+    // Characters of two, three and four bytes, with room left for none to all of their bytes.
+    for (const std::string c : {"\u00e9", "\u20ac", "\U0001F600"})
+        for (size_t fit = 0; fit <= c.size(); ++fit) {
+            const std::string head(room - fit, 'y');
+            ASSERT_EQ(sys_log(log, 0, &err, 0, "%s%s%s", head.c_str(), c.c_str(), c.c_str()), 1u);
+            expected.push_back(fit == c.size() ? head + c : head);
+        }
     close_log();
-    const auto lines = lines_of(path_);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].substr(SYS_LOG_LINE_MAX - room), std::string(room, 'x'));
-    EXPECT_EQ(lines[1].substr(SYS_LOG_LINE_MAX - room), std::string(room - 1, 'y'));
+    std::vector<std::string> cut;
+    for (const std::string &line : lines_of(path_))
+        cut.push_back(line.substr(SYS_LOG_LINE_MAX - room));
+    EXPECT_EQ(cut, expected);
 }
 
-TEST_F(Log, RecordFilesHoldLengthPrefixedMessagesReadBackByTheParser)
+// The same records go to a record file and, as one datagram each, to the
+// logger at PL_LOGGER_ADDR.
+TEST_F(Log, RecordFilesAndNetLogsHoldTheMessagesTheBuilderMakes)
 {
-    ASSERT_EQ(open("log_mnm_file"), 1u);
-    ASSERT_EQ(sys_log(log, 0, &err, 0, "hello %d", 7), 1u);
-    ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", std::string(SYS_LOG_MESSAGE_MAX + 100, 'z').c_str()), 1u);
+    LoopbackSocket logger(SOCK_DGRAM, false);
+    timeval lost_datagram_limit{5, 0};
+    setsockopt(logger.fd, SOL_SOCKET, SO_RCVTIMEO, &lost_datagram_limit, sizeof lost_datagram_limit);
+    ScopedEnv address("PL_LOGGER_ADDR", logger.address.c_str());
     sPChar a = zt::pc("a"), bc = zt::pc("bc");
     sPChar *values[] = {&a, &bc};
     uint32_t tags[] = {1, 2}, bad_tags[] = {70000};
-    ASSERT_EQ(sys_log_pm(log, 0, 2, tags, values, &err), 1u);
-    EXPECT_EQ(failure_detail(sys_log_pm(log, 0, 1, bad_tags, values, &err), err), 15);
-    close_log();
-    const auto records = records_of(path_);
-    ASSERT_EQ(records.size(), 3u);
-    const std::vector<Fields> expected = {{{SYS_LOG_TEXT_TAG, "hello 7"}},
-                                          {{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}, {{1, "a"}, {2, "bc"}}};
-    for (size_t i = 0; i < 3; ++i)
-        EXPECT_EQ(fields_of(records[i]), expected[i]);
-}
-
-TEST_F(Log, ANetLogSendsEachRecordAsOneDatagramToPlLoggerAddr)
-{
-    DatagramListener logger;
-    ScopedEnv address("PL_LOGGER_ADDR", logger.address.c_str());
-    ASSERT_EQ(open("log_net"), 1u) << "detail " << err;
-    ASSERT_EQ(sys_log(log, 0, &err, 0, "hello %s", "net"), 1u) << "detail " << err;
-    ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", ""), 1u);
-    sPChar a = zt::pc("a");
-    sPChar *values[] = {&a};
-    uint32_t tags[] = {5};
-    ASSERT_EQ(sys_log_pm_net(log, 0, 1, tags, values, &err), 1u);
-    EXPECT_EQ(failure_detail(sys_log_pm(log, 0, 1, tags, values, &err), err), 2) << "a net log has no file";
-    close_log();
-    for (const Fields &fields : {Fields{{SYS_LOG_TEXT_TAG, "hello net"}}, Fields{{SYS_LOG_TEXT_TAG, ""}}, Fields{{5, "a"}}})
-        EXPECT_EQ(fields_of(logger.receive()), fields);
+    constexpr auto message = zel::test::build_message;
+    const std::vector<std::string> expected = {message({{SYS_LOG_TEXT_TAG, "hello 7"}}),
+                                               message({{SYS_LOG_TEXT_TAG, ""}}),
+                                               message({{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}),
+                                               message({{1, "a"}, {2, "bc"}})};
+    for (bool net : {false, true}) {
+        ASSERT_EQ(open(net ? "log_net" : "log_mnm_file"), 1u) << "detail " << err;
+        auto *record = net ? sys_log_pm_net : sys_log_pm, *other = net ? sys_log_pm : sys_log_pm_net;
+        ASSERT_EQ(sys_log(log, 0, &err, 0, "hello %d", 7), 1u) << "detail " << err;
+        ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", ""), 1u);
+        ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", std::string(SYS_LOG_MESSAGE_MAX + 100, 'z').c_str()), 1u);
+        ASSERT_EQ(record(log, 0, 2, tags, values, &err), 1u);
+        EXPECT_EQ(failure_detail(record(log, 0, 1, bad_tags, values, &err), err), 15);
+        EXPECT_EQ(failure_detail(other(log, 0, 1, tags, values, &err), err), 2)
+            << "a file log has no socket, a net log no file";
+        close_log();
+        std::vector<std::string> records = net ? std::vector<std::string>() : records_of(path_);
+        for (std::string datagram(65536, '\0'); net && records.size() < expected.size();) {
+            const ssize_t size = recv(logger.fd, datagram.data(), datagram.size(), 0);
+            records.push_back(datagram.substr(0, size_t(std::max<ssize_t>(size, 0))));
+        }
+        EXPECT_TRUE(records == expected) << records.size() << (net ? " records received" : " records in the file");
+    }
 }

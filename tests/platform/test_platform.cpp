@@ -16,8 +16,7 @@
 
 namespace {
 
-sPChar text_of(std::string &s) { return sPChar{s.data(), static_cast<int32_t>(s.size())}; }
-std::string str(const sPChar &p) { return std::string(p.data, static_cast<size_t>(p.len)); }
+using zt::str;
 
 constexpr uint32_t fixed_seconds = 1709622489; // 2024-03-05 07:08:09 UTC, a Tuesday
 
@@ -27,9 +26,8 @@ std::string format(uint32_t sec, uint32_t usec, uint32_t code)
     sTimeRecord t{sec, usec};
     uint32_t err = 99;
     Scratch out;
-    EXPECT_EQ(sys_time_format(&t, &out.s, code, &err), 1u) << "code " << code;
-    EXPECT_EQ(err, 0u);
-    return std::string(out.s.data, static_cast<size_t>(out.s.len));
+    EXPECT_TRUE(sys_time_format(&t, &out.s, code, &err) == 1u && err == 0u) << "code " << code;
+    return out.bytes();
 }
 
 } // namespace
@@ -83,12 +81,9 @@ TEST(TimeLayouts, EveryLayoutAppendsItsTextInAFixedWidth)
     EXPECT_EQ(format(UINT32_MAX, 0, SYS_TIME_SECONDS), "4294967295");
     EXPECT_EQ(format(UINT32_MAX, 0, SYS_TIME_UTC_FULL), "Sun Feb 07 06:28:15 2106");
     sTimeRecord t{fixed_seconds, 999000}; // appended at the length, growing a tiny buffer
-    Scratch out;
-    int open_err = 0;
+    zt::Scratch out(1);
+    out.assign(">");
     uint32_t err = 99;
-    ASSERT_EQ(zel_open_scratchcb(&out.s, 1, &open_err), 1);
-    out.s.data[0] = '>';
-    out.s.len = 1;
     for (uint32_t code : {SYS_TIME_YYYY_MM_DD, SYS_TIME_LOCALE, SYS_TIME_HHMMSS})
         ASSERT_EQ(sys_time_format(&t, &out.s, code, &err), 1u);
     EXPECT_EQ(std::string(out.s.data, 41), ">2024-03-05Tue Mar  5 07:08:09 2024070809");
@@ -119,7 +114,7 @@ TEST(Environment, ValuesNeedRoomForTheTerminatorAndHostByNameLeavesUserOnTheShar
 TEST(Address, ParseFindsTheColonWithinTheLengthConvertPrintsMemoryOrderAndLocalOnesAreQuads)
 {
     std::string text = "abcd:1234";
-    sPChar addr = text_of(text);
+    sPChar addr = zt::pc(text);
     uint32_t pos = 0, err = 99;
     int ignored;
     char buffer[16]; // exactly the documented room
@@ -150,14 +145,14 @@ TEST(Commands, ShellStatusDecidesAndFilesUseOnlyTheCountedPath)
     namespace fs = std::filesystem;
     uint32_t err = 99;
     std::string ok = "exit 0; exit 1", failing = "exit 3";
-    sPChar counted{ok.data(), 6}, bad = text_of(failing); // only "exit 0" is the command
+    sPChar counted{ok.data(), 6}, bad = zt::pc(failing); // only "exit 0" is the command
     EXPECT_TRUE(sys_system_call(&counted, &err) == 1u && err == 0u);
     EXPECT_FAILURE(sys_system_call(&bad, &err), err, 1u);
     std::string dir = (fs::temp_directory_path() / "zel_platform_XXXXXX").string();
     ASSERT_NE(mkdtemp(dir.data()), nullptr);
     std::ofstream(dir + "/a") << "x";
     std::string from = dir + "/a-tail", to = dir + "/b";
-    sPChar old_path{from.data(), static_cast<int32_t>(from.size() - 5)}, new_path = text_of(to), empty{to.data(), 0};
+    sPChar old_path{from.data(), static_cast<int32_t>(from.size() - 5)}, new_path = zt::pc(to), empty{to.data(), 0};
     ASSERT_EQ(sys_file_rename(&old_path, &new_path, &err), 1u);
     EXPECT_TRUE(!fs::exists(dir + "/a") && fs::exists(to));
     ASSERT_EQ(sys_file_delete(&new_path, &err), 1u);
