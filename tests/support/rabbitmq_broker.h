@@ -72,10 +72,18 @@ public:
             throw std::runtime_error("the private RabbitMQ did not start: " + line);
     }
 
-    // What rabbitmqctl says to `arguments` about this broker.
+    // What rabbitmqctl says to `arguments` about this broker. The tool gives
+    // up now and then on a loaded machine: it is asked again, at most thrice.
     std::string ctl(const std::string &arguments) const
     {
-        return run("bash -c '. " + (dir_ / "env").string() + " && /usr/lib/rabbitmq/bin/rabbitmqctl -q " + arguments + "' 2>&1");
+        std::string said;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            said = run("bash -c '. " + (dir_ / "env").string() + " && /usr/lib/rabbitmq/bin/rabbitmqctl -q " +
+                       arguments + "' 2>&1");
+            if (said.rfind("Error", 0) != 0)
+                break;
+        }
+        return said;
     }
 
 private:
