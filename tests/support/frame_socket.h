@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -18,6 +17,33 @@
 #include "transport/hub/framing.h"
 
 namespace zel::test {
+
+// The header of a frame of `length` bytes, whether or not they follow.
+inline std::string frame_header(uint32_t length)
+{
+    std::string header(hub::frame_header_size, '\0');
+    hub::put_frame_length(header.data(), length);
+    return header;
+}
+
+inline std::string frame(const std::string &message)
+{
+    return frame_header(uint32_t(message.size())) + message;
+}
+
+// A TCP socket, with `receive_buffer` as its receive buffer unless it is 0,
+// and the loopback address at `port`.
+inline int tcp_socket(int receive_buffer, sockaddr_in &loopback, int port = 0)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (receive_buffer)
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    loopback = sockaddr_in{};
+    loopback.sin_family = AF_INET;
+    loopback.sin_port = htons(uint16_t(port));
+    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return fd;
+}
 
 class FrameSocket {
 public:
@@ -33,18 +59,11 @@ public:
     // A `receive_buffer` other than 0 sets the socket's receive buffer first.
     static FrameSocket connect_to(int port, int receive_buffer = 0)
     {
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (receive_buffer)
-            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(uint16_t(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-            ::close(fd);
+        sockaddr_in a;
+        FrameSocket socket(tcp_socket(receive_buffer, a, port));
+        if (::connect(socket.fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
             throw std::runtime_error("connect failed");
-        }
-        return FrameSocket(fd);
+        return socket;
     }
 
     int fd() const { return fd_; }
@@ -59,12 +78,7 @@ public:
     {
         return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
     }
-    bool send_message(const std::string &message)
-    {
-        char header[hub::frame_header_size];
-        hub::put_frame_length(header, uint32_t(message.size()));
-        return send_raw(std::string(header, sizeof header) + message);
-    }
+    bool send_message(const std::string &message) { return send_raw(frame(message)); }
 
     // The next frame's message, or nothing when the peer closed or the wait
     // ran out.
@@ -106,12 +120,8 @@ public:
     // A `receive_buffer` other than 0 sets it for every connection accepted.
     explicit FrameListener(int receive_buffer = 0)
     {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (receive_buffer)
-            ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a;
+        fd_ = tcp_socket(receive_buffer, a);
         socklen_t size = sizeof a;
         if (::bind(fd_, reinterpret_cast<sockaddr *>(&a), size) != 0 || ::listen(fd_, 16) != 0 ||
             ::getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &size) != 0)

@@ -31,6 +31,13 @@ inline std::string build_message(const Fields &fields)
     return bytes;
 }
 
+// `bytes` as a buffer for the library to read; the string stays its owner.
+inline scratchcb scratch_of(const std::string &bytes)
+{
+    int32_t size = int32_t(bytes.size());
+    return scratchcb{size, size, size, const_cast<char *>(bytes.data())};
+}
+
 // The admin text of a parsed message.
 inline std::string admin_text(vartocb *m)
 {
@@ -49,7 +56,7 @@ inline std::string admin_text(const std::string &bytes)
     int err = 0;
     vartocb *m = nullptr;
     zel_ctor_vartocb(&m, &err);
-    scratchcb in{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()), const_cast<char *>(bytes.data())};
+    scratchcb in = scratch_of(bytes);
     std::string out = zel_parse_msg(m, &in, &err) ? admin_text(m) : "(unparsable)";
     zel_dtor_vartocb(&m, &err);
     return out;

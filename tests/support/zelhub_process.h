@@ -3,14 +3,13 @@
 // stopped by its process id.
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,6 +17,64 @@
 #include "support/time_factor.h"
 
 namespace zel::test {
+
+// Starts the hub with `args`; `out` gets the reading end of its standard
+// output. A `quiet` hub's complaints go nowhere.
+inline pid_t spawn_zelhub(std::vector<std::string> args, int &out, bool quiet = false)
+{
+    args.insert(args.begin(), ZELHUB_PATH);
+    int ends[2];
+    if (::pipe(ends) != 0)
+        throw std::runtime_error("pipe");
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        // A test that crashes must not leave its hub behind, holding the
+        // test's output pipe open and a later run waiting on it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::dup2(ends[1], STDOUT_FILENO);
+        if (quiet)
+            ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
+        ::close(ends[0]);
+        ::close(ends[1]);
+        std::vector<char *> argv;
+        for (auto &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::close(ends[1]);
+    out = ends[0];
+    return pid;
+}
+
+// The first line the hub prints, or what came of it before the hub fell
+// silent for longer than patience; closes `fd`.
+inline std::string first_line(int fd)
+{
+    std::string line;
+    pollfd p{fd, POLLIN, 0};
+    char c;
+    while (::poll(&p, 1, int(patience().count())) > 0 && ::read(fd, &c, 1) == 1 && c != '\n')
+        line += c;
+    ::close(fd);
+    return line;
+}
+
+// The exit status of a hub that refuses to serve with `args`; -1 when it
+// serves instead.
+inline int zelhub_exit_status(const std::vector<std::string> &args)
+{
+    int out;
+    pid_t pid = spawn_zelhub(args, out, true);
+    // A hub that printed nothing has exited, which the signal does not
+    // change, or hangs; one that printed serves. Neither is left running.
+    bool serving = !first_line(out).empty();
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return !serving && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 class ZelhubProcess {
 public:
@@ -54,29 +111,11 @@ public:
 private:
     void start(int port)
     {
-        int out[2];
-        if (::pipe(out) != 0)
-            throw std::runtime_error("pipe");
-        std::vector<std::string> args = {ZELHUB_PATH, "--port", std::to_string(port)};
+        std::vector<std::string> args = {"--port", std::to_string(port)};
         args.insert(args.end(), extra_.begin(), extra_.end());
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            // A test that crashes must not leave its hub behind, holding the
-            // test's output pipe open and a later run waiting on it.
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::close(out[0]);
-            ::close(out[1]);
-            std::vector<char *> argv;
-            for (auto &a : args)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        std::string line = read_line(out[0]);
-        ::close(out[0]);
+        int out;
+        pid_ = spawn_zelhub(args, out);
+        std::string line = first_line(out);
         auto colon = line.rfind(':');
         const std::string expected = "zelhub listening on ";
         if (line.compare(0, expected.size(), expected) != 0 || colon == std::string::npos) {
@@ -84,22 +123,6 @@ private:
             throw std::runtime_error("zelhub did not start: '" + line + "'");
         }
         port_ = std::stoi(line.substr(colon + 1));
-    }
-
-    static std::string read_line(int fd)
-    {
-        std::string line;
-        auto deadline = std::chrono::steady_clock::now() + patience();
-        char c;
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fd, POLLIN, 0};
-            if (::poll(&p, 1, 100) <= 0)
-                continue;
-            if (::read(fd, &c, 1) != 1 || c == '\n')
-                break;
-            line += c;
-        }
-        return line;
     }
 
     std::vector<std::string> extra_;

@@ -8,38 +8,27 @@
 // own fence message, and a fence sent after the message under test must be the
 // next thing it receives.
 #include <gtest/gtest.h>
-#include <zel/message.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/frame_socket.h"
 #include "support/messages.h"
-#include "support/time_factor.h"
 #include "support/zelhub_process.h"
-#include "transport/hub/framing.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using zel::test::Fields;
+using zel::test::frame;
+using zel::test::frame_header;
 using zel::test::patience;
 using zel::test::ZelhubProcess;
-using zel::test::Fields;
 constexpr auto message = zel::test::build_message;
 
 constexpr int fence_tag = 99;
@@ -48,13 +37,6 @@ std::string named(const std::string &name, Fields fields)
 {
     fields.insert(fields.begin(), {0, name});
     return message(fields);
-}
-
-std::string frame(const std::string &msg)
-{
-    std::string bytes(zel::hub::frame_header_size, '\0');
-    zel::hub::put_frame_length(bytes.data(), uint32_t(msg.size()));
-    return bytes + msg;
 }
 
 // A client speaking raw frames to the hub, subscribed to its own fence.
@@ -71,7 +53,6 @@ public:
     void send_raw(const std::string &bytes) { ASSERT_TRUE(socket_.send_raw(bytes)); }
     void send(const std::string &msg) { ASSERT_TRUE(socket_.send_message(msg)); }
     void subscribe(const Fields &keys) { send(named("subscribe", keys)); }
-    void unsubscribe(const Fields &keys) { send(named("unsubscribe", keys)); }
 
     // The next message; empty (and a failure) when none comes in time.
     std::string receive()
@@ -91,20 +72,14 @@ public:
         EXPECT_EQ(receive(), fence());
     }
 
-    // Reads (and discards) until the hub closes the connection.
+    // Reads (and discards) until the hub closes the connection; false when
+    // patience runs out first.
     bool closed_by_hub()
     {
         auto deadline = std::chrono::steady_clock::now() + patience();
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{socket_.fd(), POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0)
-                continue;
-            char bytes[65536];
-            ssize_t n = recv(socket_.fd(), bytes, sizeof bytes, 0);
-            if (n == 0 || (n < 0 && errno == ECONNRESET))
-                return true;
+        while (socket_.read_message()) {
         }
-        return false;
+        return std::chrono::steady_clock::now() < deadline;
     }
 
 private:
@@ -120,297 +95,178 @@ void expect_nothing_more(HubClient &from, HubClient &to)
     EXPECT_EQ(to.receive(), to.fence());
 }
 
-int open_descriptors(pid_t pid)
-{
-    auto dir = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
-    return int(std::distance(std::filesystem::begin(dir), std::filesystem::end(dir)));
-}
-
-long resident_kib(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string word;
-    long kib = 0;
-    while (status >> word)
-        if (word == "VmRSS:" && status >> kib)
-            break;
-    return kib;
-}
-
-// Waits (polling the hub from outside) until it holds `count` descriptors.
-bool descriptors_become(pid_t pid, int count)
-{
-    auto deadline = std::chrono::steady_clock::now() + patience();
-    while (open_descriptors(pid) != count && std::chrono::steady_clock::now() < deadline)
-        usleep(2000);
-    return open_descriptors(pid) == count;
-}
-
 // ---- Routing ----------------------------------------------------------------
 
+// Each client's oldest unanswered request is forgotten at its fourth.
 struct Routing : ::testing::Test {
-    ZelhubProcess hub;
+    ZelhubProcess hub{{"--max-pending", "3"}};
     HubClient a{hub.port()}, b{hub.port()}, c{hub.port()};
     void SetUp() override
     {
         for (HubClient *client : {&a, &b, &c})
             client->sync(); // its fence subscription is in place
     }
+    // `data` from `from` reaches each of `to` once, and nobody else.
+    void expect_routed(HubClient &from, const std::string &data, const std::vector<HubClient *> &to)
+    {
+        from.send(data);
+        for (HubClient *client : {&a, &b, &c}) {
+            if (std::count(to.begin(), to.end(), client)) {
+                EXPECT_EQ(client->receive(), data);
+            }
+            expect_nothing_more(from, *client);
+        }
+    }
 };
 
-TEST_F(Routing, DataGoesOnceToEachMatchingSubscriberIncludingTheSender)
+TEST_F(Routing, DataGoesOnceToEachMatchingSubscriberTheSenderIncludedOnFirstValuesAlone)
 {
+    const Fields three = {{5, "x"}, {6, ""}, {7, "z"}};
+    a.subscribe({{5, "x"}});
     b.subscribe({{5, "x"}});
     b.subscribe({{6, ""}}); // a second match must not mean a second copy
-    a.subscribe({{5, "x"}});
+    c.subscribe(three);
+    c.subscribe(three); // a set: one unsubscribe ends both
     c.subscribe({{5, "y"}});
     for (HubClient *client : {&a, &b, &c})
         client->sync();
 
-    std::string data = message({{5, "x"}, {6, "v"}, {7, "payload"}});
-    a.send(data);
-    EXPECT_EQ(b.receive(), data);
-    EXPECT_EQ(a.receive(), data);
-    expect_nothing_more(a, b);
-    expect_nothing_more(a, a);
-    expect_nothing_more(a, c);
+    const std::string all = message({{5, "x"}, {6, "v"}, {7, "z"}});
+    expect_routed(a, all, {&a, &b, &c});
+    expect_routed(a, message({{5, "x"}, {7, "z"}}), {&a, &b}); // any value, but not none
+    expect_routed(a, message({{5, "y"}, {5, "x"}, {6, "v"}, {7, "z"}}), {&b, &c});
+    expect_routed(a, message({{5, "x"}, {6, "v"}, {7, "q"}, {7, "z"}}), {&a, &b});
+
+    c.send(named("unsubscribe", three));
+    c.sync();
+    expect_routed(a, all, {&a, &b});
+    // Messages to the hub itself go to nobody, though they carry 5 x.
+    for (const char *name : {"varto_heartbeat", "set_device_aka", "subscribe", "unsubscribe"})
+        expect_routed(b, named(name, {{5, "x"}, {10002, "b"}}), {});
 }
 
-TEST_F(Routing, MatchingUsesTheFirstValueAndAnAnyValueKeyStillNeedsItsField)
+TEST_F(Routing, RequestsGoToEveryOtherClientAndRepliesToTheOldestAskerOfTheLastNumberWaitedFor)
 {
-    b.subscribe({{5, "x"}, {6, ""}, {7, "z"}});
-    b.sync();
-    a.send(message({{5, "x"}, {7, "z"}}));                        // no field 6
-    a.send(message({{5, "y"}, {5, "x"}, {6, "v"}, {7, "z"}}));    // x is not the first value
-    a.send(message({{5, "x"}, {6, "v"}, {7, "q"}, {7, "z"}}));    // nor is z, past the first key
-    std::string wanted = message({{5, "x"}, {6, "anything"}, {7, "z"}});
-    a.send(wanted);
-    EXPECT_EQ(b.receive(), wanted);
-    expect_nothing_more(a, b);
-}
-
-TEST_F(Routing, SubscriptionsAreASetAndUnsubscribeEndsOne)
-{
-    Fields keys = {{5, "x"}, {6, "y"}};
-    b.subscribe(keys);
-    b.subscribe(keys);
-    b.sync();
-    std::string data = message({{5, "x"}, {6, "y"}});
-    a.send(data);
-    EXPECT_EQ(b.receive(), data);
-    expect_nothing_more(a, b);
-
-    b.unsubscribe(keys);
-    b.sync();
-    a.send(data);
-    expect_nothing_more(a, b);
-}
-
-TEST_F(Routing, HubMessagesAreNotForwarded)
-{
-    a.send(named("varto_heartbeat", {}));
-    a.send(named("set_device_aka", {{10002, "client-a"}}));
-    a.subscribe({{5, "x"}});
-    a.unsubscribe({{5, "x"}});
-    expect_nothing_more(a, b);
-}
-
-TEST_F(Routing, RequestGoesToEveryOtherClient)
-{
-    std::string request = named("service", {{8, "question"}, {32760, "1"}});
-    a.send(request);
-    EXPECT_EQ(b.receive(), request);
-    EXPECT_EQ(c.receive(), request);
-    expect_nothing_more(a, a);
-}
-
-TEST_F(Routing, ReplyGoesOnlyToTheOldestRequesterWaitingForItsNumber)
-{
-    std::string from_b = named("service", {{32760, "7"}});
-    b.send(from_b);
-    EXPECT_EQ(a.receive(), from_b);
-    std::string from_c = named("service", {{32760, "7"}, {8, "c"}});
-    c.send(from_c);
-    EXPECT_EQ(a.receive(), from_c);
-    EXPECT_EQ(b.receive(), from_c);
-    EXPECT_EQ(c.receive(), from_b);
-
-    std::string first = named("service", {{32760, "7"}, {32767, ""}, {8, "first"}});
-    std::string second = named("service", {{32760, "7"}, {32767, ""}, {8, "second"}});
-    a.send(first);
-    a.send(second);
-    a.send(named("service", {{32760, "7"}, {32767, ""}, {8, "nobody waits"}}));
-    EXPECT_EQ(b.receive(), first);
-    EXPECT_EQ(c.receive(), second);
-    expect_nothing_more(a, b);
-    expect_nothing_more(a, c);
-    expect_nothing_more(a, a);
-}
-
-TEST_F(Routing, ReplyNumbersAreTriedFromTheLast)
-{
-    std::string from_b = named("service", {{32760, "9"}});
-    std::string from_c = named("service", {{32760, "10"}});
-    b.send(from_b);
-    EXPECT_EQ(a.receive(), from_b);
-    c.send(from_c);
-    EXPECT_EQ(a.receive(), from_c);
-    EXPECT_EQ(b.receive(), from_c);
-    EXPECT_EQ(c.receive(), from_b);
-
-    auto reply = [](const std::string &text) { return message({{32760, "9"}, {32760, "10"}, {32767, ""}, {8, text}}); };
-    a.send(reply("first")); // to c, who waits for the last number
-    a.send(reply("second")); // then to b: nobody waits for 10 any more
-    EXPECT_EQ(c.receive(), reply("first"));
-    EXPECT_EQ(b.receive(), reply("second"));
-    expect_nothing_more(a, b);
-    expect_nothing_more(a, c);
-}
-
-TEST(Requests, OverTheBoundAClientsOldestIsForgottenAndRepliesGoOldestFirst)
-{
-    ZelhubProcess hub({"--max-pending", "3"});
-    HubClient a{hub.port()}, b{hub.port()}, responder{hub.port()};
-    for (HubClient *client : {&a, &b, &responder})
-        client->sync(); // accepted by the hub, so forwarded the first request too
-    auto ask = [&](HubClient &asker, HubClient &bystander, const std::string &number) {
+    HubClient &responder = c;
+    auto ask = [&](HubClient &asker, const std::string &number) {
         std::string request = named("service", {{32760, number}});
         asker.send(request);
-        EXPECT_EQ(bystander.receive(), request);
-        EXPECT_EQ(responder.receive(), request);
+        for (HubClient *other : {&a, &b, &c}) {
+            if (other != &asker) {
+                EXPECT_EQ(other->receive(), request);
+            }
+        }
     };
-    ask(a, b, "1"); // a's oldest: forgotten when a asks its fourth
-    ask(b, a, "7");
+    auto reply = [](Fields numbers, const std::string &text) {
+        numbers.insert(numbers.end(), {{32767, ""}, {8, text}});
+        return message(numbers);
+    };
+    ask(a, "1"); // a's oldest: forgotten when a asks its fourth
+    ask(b, "7");
     for (int i = 0; i < 3; ++i)
-        ask(a, b, "7");
-
-    auto reply = [](const std::string &number, const std::string &text) {
-        return message({{32760, number}, {32767, ""}, {8, text}});
-    };
-    responder.send(reply("1", "to nobody"));
+        ask(a, "7");
+    responder.send(reply({{32760, "1"}}, "to nobody"));
     for (const char *text : {"1st", "2nd", "3rd", "4th"})
-        responder.send(reply("7", text));
-    EXPECT_EQ(b.receive(), reply("7", "1st"));
+        responder.send(reply({{32760, "7"}}, text));
+    EXPECT_EQ(b.receive(), reply({{32760, "7"}}, "1st"));
     for (const char *text : {"2nd", "3rd", "4th"})
-        EXPECT_EQ(a.receive(), reply("7", text));
-    expect_nothing_more(responder, a);
-    expect_nothing_more(responder, b);
+        EXPECT_EQ(a.receive(), reply({{32760, "7"}}, text));
+
+    ask(a, "9");
+    ask(b, "10");
+    const Fields both = {{32760, "9"}, {32760, "10"}};
+    responder.send(reply(both, "first"));  // to b, who waits for the last number
+    responder.send(reply(both, "second")); // then to a: nobody waits for 10 any more
+    EXPECT_EQ(b.receive(), reply(both, "first"));
+    EXPECT_EQ(a.receive(), reply(both, "second"));
+    for (HubClient *client : {&a, &b, &c})
+        expect_nothing_more(responder, *client);
 }
 
 // ---- Clients dropped alone ------------------------------------------------------
 
-std::string length_only(uint32_t length)
+// A message of `fields` and a padding field, framed in exactly `size` bytes.
+std::string framed_in(size_t size, Fields fields)
 {
-    std::string bytes(zel::hub::frame_header_size, '\0');
-    zel::hub::put_frame_length(bytes.data(), length);
-    return bytes;
+    fields.push_back({6, ""});
+    fields.back().second.assign(size - frame(message(fields)).size(), 'p');
+    return message(fields);
 }
 
-TEST(Faults, ClientSendingGarbageIsDroppedAlone)
+TEST(Faults, ClientSendingGarbageOrAFrameOverTheMaximumIsDroppedAlone)
 {
+    constexpr uint32_t max_frame = 1 << 20;
     const std::pair<const char *, std::string> garbage[] = {
-        {"negative length", length_only(0xffffffffu)},
-        {"length too large", length_only(0x40000000u)},
-        {"empty message", length_only(0)},
+        {"negative length", frame_header(0xffffffffu)},
+        {"length too large", frame_header(0x40000000u)},
+        {"over the maximum", frame_header(max_frame - zel::hub::frame_header_size + 1)}, // its body never comes
+        {"empty message", frame_header(0)},
         {"bad magic", frame("not a message")},
         {"item past the end", frame(message({{5, "x"}}).substr(0, 10))},
     };
-    ZelhubProcess hub;
+    ZelhubProcess hub({"--max-frame", std::to_string(max_frame)});
     HubClient a{hub.port()}, b{hub.port()};
     b.subscribe({{5, "x"}});
     b.sync();
+    std::string at_max = framed_in(max_frame, {{5, "x"}});
+    a.send(at_max);
+    EXPECT_EQ(b.receive(), at_max);
     for (const auto &[what, bytes] : garbage) {
         SCOPED_TRACE(what);
         HubClient bad{hub.port()};
-        bad.subscribe({{5, "x"}});
         bad.send_raw(bytes);
         EXPECT_TRUE(bad.closed_by_hub());
-        std::string data = message({{5, "x"}, {6, what}});
-        a.send(data);
-        EXPECT_EQ(b.receive(), data);
+        expect_nothing_more(a, b);
     }
 }
 
-TEST(Faults, FrameOverTheMaximumIsRefusedAtItsLengthAndOneAtItPasses)
+int open_descriptors(pid_t pid)
 {
-    constexpr uint32_t max_frame = 1 << 20;
-    ZelhubProcess hub({"--max-frame", std::to_string(max_frame)});
-    HubClient a{hub.port()}, b{hub.port()}, big{hub.port()};
-    b.subscribe({{5, "x"}});
-    b.sync();
-    std::string padded = message({{5, "x"}, {6, "p"}});
-    std::string at_max = message({{5, "x"}, {6, std::string(max_frame - frame(padded).size() + 1, 'p')}});
-    ASSERT_EQ(frame(at_max).size(), max_frame);
-    big.send(at_max);
-    EXPECT_EQ(b.receive(), at_max);
-
-    big.send_raw(length_only(max_frame - zel::hub::frame_header_size + 1)); // its body never comes
-    EXPECT_TRUE(big.closed_by_hub());
-    std::string data = message({{5, "x"}});
-    a.send(data);
-    EXPECT_EQ(b.receive(), data);
+    auto dir = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
+    return int(std::distance(std::filesystem::begin(dir), std::filesystem::end(dir)));
 }
 
 // Publishes `data` in steps, which `reader` keeps up with, until the hub
-// holds one descriptor fewer than `descriptors`. Kernel buffers take some
-// megabytes of what stalled subscribers are owed first.
-bool publish_until_one_is_dropped(ZelhubProcess &hub, int descriptors, HubClient &publisher, HubClient &reader,
-                                  const std::string &data)
+// holds one descriptor fewer than when it began; answers how many it took,
+// or 0 when none was dropped. Kernel buffers take some megabytes of what
+// stalled subscribers are owed first.
+int publish_until_one_is_dropped(ZelhubProcess &hub, HubClient &publisher, HubClient &reader, const std::string &data)
 {
-    for (int step = 0; step < 256; ++step) {
+    const int descriptors = open_descriptors(hub.pid());
+    for (int step = 1; step <= 256; ++step) {
         for (int i = 0; i < 16; ++i)
             publisher.send(data);
         for (int i = 0; i < 16; ++i)
             if (reader.receive() != data)
-                return false;
+                return 0;
         if (open_descriptors(hub.pid()) == descriptors - 1)
-            return true;
+            return 16 * step;
     }
-    return false;
+    return 0;
 }
 
-TEST(Faults, ABurstLargerThanTheSocketBuffersReachesASlowReaderWhole)
+TEST(Faults, ASubscriberOwedMoreThanTheBacklogBoundIsDroppedAlone)
 {
-    ZelhubProcess hub;
-    HubClient publisher{hub.port()}, slow{hub.port(), 4096};
-    slow.subscribe({{5, ""}});
-    slow.sync();
-    std::string data = message({{5, "x"}, {6, std::string(4000, 'd')}});
-    for (int i = 0; i < 2000; ++i) // 8 MB, read by nobody until all is sent
-        publisher.send(data);
-    publisher.send(slow.fence());
-    int arrived = 0;
-    while (slow.receive() == data)
-        ++arrived;
-    EXPECT_EQ(arrived, 2000);
-}
-
-TEST(Faults, TheBacklogBoundCountsTheFrameBeingAdded)
-{
-    ZelhubProcess hub({"--max-backlog", "1000"});
-    HubClient publisher{hub.port()}, subscriber{hub.port()};
-    subscriber.subscribe({{5, ""}});
-    subscriber.sync();
-    std::string fits = message({{5, std::string(900, 'f')}});
-    publisher.send(fits);
-    EXPECT_EQ(subscriber.receive(), fits);
-    publisher.send(message({{5, std::string(1000, 'o')}})); // alone over the bound
-    EXPECT_TRUE(subscriber.closed_by_hub());
-}
-
-TEST(Faults, StalledSubscriberIsDroppedAloneAtTheBacklogBound)
-{
-    ZelhubProcess hub({"--max-backlog", "1048576"});
+    constexpr int bound = 1 << 20;
+    ZelhubProcess hub({"--max-backlog", std::to_string(bound)});
     HubClient publisher{hub.port()}, reader{hub.port()}, stalled{hub.port(), 4096};
     for (HubClient *subscriber : {&reader, &stalled}) {
         subscriber->subscribe({{5, "x"}});
         subscriber->sync();
     }
     std::string data = message({{5, "x"}, {6, std::string(16384, 'd')}});
-    ASSERT_TRUE(publish_until_one_is_dropped(hub, open_descriptors(hub.pid()), publisher, reader, data));
+    ASSERT_GT(publish_until_one_is_dropped(hub, publisher, reader, data), 0);
     publisher.send(data);
     EXPECT_EQ(reader.receive(), data);
     EXPECT_TRUE(stalled.closed_by_hub());
+
+    // The frame being added counts: alone, one at the bound goes, and one
+    // past it is too much.
+    std::string at_bound = framed_in(bound, {{5, "x"}});
+    publisher.send(at_bound);
+    EXPECT_EQ(reader.receive(), at_bound);
+    publisher.send(framed_in(bound + 1, {{5, "x"}}));
+    EXPECT_TRUE(reader.closed_by_hub());
 }
 
 TEST(Faults, OverTheBoundOnAllBacklogsTheClientOwedMostIsDroppedFirst)
@@ -426,109 +282,88 @@ TEST(Faults, OverTheBoundOnAllBacklogsTheClientOwedMostIsDroppedFirst)
     for (int i = 0; i < 64; ++i) // puts `most` a megabyte ahead
         publisher.send(message({{5, "y"}, {6, padding}}));
     std::string data = message({{5, "x"}, {6, padding}});
-    ASSERT_TRUE(publish_until_one_is_dropped(hub, open_descriptors(hub.pid()), publisher, reader, data));
+    int published = publish_until_one_is_dropped(hub, publisher, reader, data);
+    ASSERT_GT(published, 0);
     EXPECT_TRUE(most.closed_by_hub());
     publisher.send(data);
     EXPECT_EQ(reader.receive(), data);
+    // `less` stalled too, and is owed megabytes more than its socket buffers
+    // hold: reading again, it gets them all, whole.
+    publisher.send(less.fence());
+    int arrived = 0;
+    while (less.receive() == data)
+        ++arrived;
+    EXPECT_EQ(arrived, published + 1);
 }
 
 // ---- Resources and the process ------------------------------------------------------
+
+long resident_kib(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string word;
+    long kib = 0;
+    while (status >> word)
+        if (word == "VmRSS:" && status >> kib)
+            break;
+    return kib;
+}
 
 TEST(Process, NoDescriptorOrMemoryLeakOverThousandsOfClients)
 {
     ZelhubProcess hub;
     const int descriptors = open_descriptors(hub.pid());
-    // Subscribes, waits for a reply that never comes, sometimes breaks the
-    // stream, and goes.
-    auto cycle = [&](int n) {
-        HubClient client{hub.port()};
-        client.subscribe({{5, std::to_string(n)}});
-        client.send(named("service", {{32760, std::to_string(n)}}));
-        if (n % 30 == 0)
-            client.send_raw(length_only(0xfffffff0u));
-    };
-    // Connections still queued for accepting hold no descriptor of the hub
-    // yet: a last client that gets its fence proves they were all taken.
-    auto settle = [&] {
-        HubClient last{hub.port()};
-        last.send(last.fence());
-        for (std::string got = last.receive(); got != last.fence() && !got.empty(); got = last.receive()) {
+    // Clients that subscribe, wait for a reply that never comes, sometimes
+    // break the stream, and go; true once the hub holds what it held at the
+    // start again, besides the one client that checks.
+    auto come_and_go = [&](int clients) {
+        for (int n = 0; n < clients; ++n) {
+            HubClient client{hub.port()};
+            client.subscribe({{5, std::to_string(n)}});
+            client.send(named("service", {{32760, std::to_string(n)}}));
+            if (n % 30 == 0)
+                client.send_raw(frame_header(0xfffffff0u));
         }
+        // Connections still queued for accepting hold no descriptor of the
+        // hub yet: a fence that comes back (after requests of clients gone)
+        // proves they were all taken. The hub closes what it takes at the end
+        // of a round, and each fence takes it through one more.
+        HubClient last{hub.port()};
+        auto deadline = std::chrono::steady_clock::now() + patience();
+        do {
+            last.send(last.fence());
+            for (std::string got = last.receive(); got != last.fence() && !got.empty(); got = last.receive()) {
+            }
+        } while (open_descriptors(hub.pid()) != descriptors + 1 && std::chrono::steady_clock::now() < deadline);
+        return open_descriptors(hub.pid()) == descriptors + 1;
     };
-    for (int n = 0; n < 300; ++n) // lets the hub's allocations reach their working size
-        cycle(n);
-    settle();
-    ASSERT_TRUE(descriptors_become(hub.pid(), descriptors));
+    ASSERT_TRUE(come_and_go(300)); // lets the hub's allocations reach their working size
     [[maybe_unused]] long memory = resident_kib(hub.pid());
-
-    for (int n = 0; n < 3000; ++n)
-        cycle(n);
-    settle();
-    EXPECT_TRUE(descriptors_become(hub.pid(), descriptors));
+    EXPECT_TRUE(come_and_go(3000));
 #ifndef __SANITIZE_ADDRESS__ // its quarantine holds freed memory back on purpose
     EXPECT_LT(resident_kib(hub.pid()) - memory, 4 * 1024);
 #endif
     // A hub built with the leak checker fails its exit on a leak.
-    int status = hub.stop(SIGTERM);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(hub.stop(SIGTERM), 0);
 }
 
 TEST(Process, StopSignalsEndItWithStatusZero)
 {
     for (int signal : {SIGTERM, SIGINT}) {
         ZelhubProcess hub;
-        HubClient a{hub.port()}, b{hub.port()};
-        b.subscribe({{5, "x"}});
-        b.sync();
-        a.send(message({{5, "x"}})); // may be in flight at the signal
-        int status = hub.stop(signal);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_EQ(hub.stop(signal), 0) << signal; // a wait status of 0: exited, with 0
     }
-}
-
-// The hub's exit status; not an exit status when it starts serving instead.
-int exit_status(std::vector<std::string> args)
-{
-    args.insert(args.begin(), ZELHUB_PATH);
-    int out[2];
-    if (pipe(out) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // an option taken by mistake must not leave a hub running
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        std::vector<char *> argv;
-        for (auto &arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    // A hub that says it listens would serve until stopped.
-    pollfd p{out[0], POLLIN, 0};
-    char c;
-    if (poll(&p, 1, int(patience().count())) <= 0 || read(out[0], &c, 1) > 0)
-        kill(pid, SIGKILL);
-    close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(Process, BadOptionsExitWithStatusTwo)
 {
-    EXPECT_EQ(exit_status({"--port", "http"}), 2);
-    EXPECT_EQ(exit_status({"--port", "70000"}), 2);
-    EXPECT_EQ(exit_status({"--max-backlog", "0"}), 2);
-    EXPECT_EQ(exit_status({"--max-frame", "1073741824"}), 2);
-    EXPECT_EQ(exit_status({"--max-pending", "0"}), 2);
-    EXPECT_EQ(exit_status({"--stats"}), 2);
-    EXPECT_EQ(exit_status({"--bind", "hub.example"}), 2);
-    EXPECT_EQ(exit_status({"--verbose", "1"}), 2);
+    const std::vector<std::vector<std::string>> refused = {
+        {"--port", "http"},           {"--port", "70000"},          {"--max-backlog", "0"},
+        {"--max-frame", "1073741824"}, {"--max-pending", "0"},        {"--stats"},
+        {"--bind", "hub.example"},     {"--verbose", "1"},
+    };
+    for (const auto &args : refused)
+        EXPECT_EQ(zel::test::zelhub_exit_status(args), 2) << args[0];
 }
 
 // ---- The address book -------------------------------------------------------------
@@ -556,22 +391,17 @@ TEST_F(Routing, AddressBookAnswersTheAskerAloneAndForwardsNothingFromOrToItsClie
 {
     HubClient book{hub.port()};
     book.send(set_entry("printer", "printer-a:9100"));
-    book.send(ask("printer"));
-    EXPECT_EQ(book.receive(), found("printer-a:9100"));
     book.send(set_entry("printer", "printer-b:9100"));
     book.send(named("mrv_ab", {{key_tag, "printer"}, {address_tag, "not looked at"}}));
     EXPECT_EQ(book.receive(), found("printer-b:9100"));
-    book.send(named("mrv_lb_unset_info", {{key_tag, "printer"}}));
-    book.send(ask("printer"));
-    EXPECT_EQ(book.receive(), not_found("printer"));
     for (HubClient *other : {&a, &b, &c})
         expect_nothing_more(book, *other);
 
     std::string request = named("service", {{8, "question"}});
     a.send(request);
     EXPECT_EQ(b.receive(), request); // so `book` would be owed it by now
-    book.send(ask("printer"));
-    EXPECT_EQ(book.receive(), not_found("printer"));
+    book.send(ask("scanner"));
+    EXPECT_EQ(book.receive(), not_found("scanner"));
 }
 
 TEST(AddressBook, RequestWithoutItsFieldsOrOverTheLengthIsRefusedAndItsClientDroppedAlone)
@@ -647,13 +477,13 @@ TEST(AddressBook, EntriesOfAnyBytesOutliveAKilledHubInAFileReplacedWhole)
 TEST(AddressBook, AFileThatCannotBeReadStopsTheHubWithStatusTwo)
 {
     TemporaryDirectory dir;
-    EXPECT_EQ(exit_status({"--addrbook", dir.path}), 2);
+    EXPECT_EQ(zel::test::zelhub_exit_status({"--addrbook", dir.path}), 2);
     const std::string file = dir.path + "/book";
     for (const char *text : {"", "zelhub address book 2\n", "zelhub address book 1\nno tab\n",
                              "zelhub address book 1\nk\t\\x4\n", "zelhub address book 1\nk\ta\tb\n",
                              "zelhub address book 1\nk\t1\nk\t2\n"}) {
         std::ofstream(file) << text;
-        EXPECT_EQ(exit_status({"--addrbook", file}), 2) << text;
+        EXPECT_EQ(zel::test::zelhub_exit_status({"--addrbook", file}), 2) << text;
     }
 }
 
