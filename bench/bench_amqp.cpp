@@ -28,10 +28,14 @@
 #include <thread>
 #include <vector>
 
+#include "percentiles.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
 
 namespace {
+
+using zel::bench::Percentiles;
+using zel::bench::percentiles;
 
 using Clock = std::chrono::steady_clock;
 using zel::test::build_message;
@@ -237,16 +241,6 @@ double raw_throughput(long messages)
     double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     publisher_thread.join();
     return double(messages) / seconds;
-}
-
-struct Percentiles {
-    double median_us, p99_us;
-};
-
-Percentiles percentiles(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
 }
 
 template <typename Trip>

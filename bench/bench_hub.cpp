@@ -25,10 +25,14 @@
 #include <vector>
 
 #include "support/frame_socket.h"
+#include "percentiles.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
 
 namespace {
+
+using zel::bench::Percentiles;
+using zel::bench::percentiles;
 
 using Clock = std::chrono::steady_clock;
 using zel::test::build_message;
@@ -161,16 +165,6 @@ double throughput(int port, long messages, const std::function<void()> &before_c
     double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     publisher_thread.join();
     return double(messages) / seconds;
-}
-
-struct Percentiles {
-    double median_us, p99_us;
-};
-
-Percentiles percentiles(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
 }
 
 // Request/reply round trips between two engines through the hub; the service

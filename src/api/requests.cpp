@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "api/alert.h"
 #include "message/append.h"
 #include "message/fields.h"
 #include "message/wire.h"
@@ -46,8 +47,24 @@ bool append_field(scratchcb *message, int tag, const std::string &value, int *er
 
 } // namespace
 
+RequestBuilder::RequestBuilder()
+{
+    int err = 0;
+    if (!zel_ctor_vartocb(&parsed, &err))
+        alert("Vartocb ctor failed");
+    if (!zel_open_scratch(&scratch, 4096, &err))
+        alert("ScratchCb open failed");
+}
+
+RequestBuilder::~RequestBuilder()
+{
+    int err = 0;
+    zel_close_scratch(&scratch, &err);
+    zel_dtor_vartocb(&parsed, &err);
+}
+
 std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, int count, CZelReceiver *receiver,
-                                       void *context, vartocb *builder, scratchcb *scratch, int *err)
+                                       void *context, RequestBuilder &builder, int *err)
 {
     if (count < 0 || (count > 0 && (!tags || !values))) {
         *err = 2;
@@ -59,12 +76,13 @@ std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, in
     std::stable_sort(keys.begin(), keys.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
 
     sPChar name{const_cast<char *>("subscribe"), 9};
+    scratchcb *scratch = builder.scratch;
     scratch->len = 0;
-    if (!zel_start_msg(builder, scratch, err) || !zel_add_data(builder, field::name, 1, &name, err))
+    if (!zel_start_msg(builder.parsed, scratch, err) || !zel_add_data(builder.parsed, field::name, 1, &name, err))
         return nullptr;
     auto watch = std::make_unique<sWatchData>();
     for (auto &[tag, value] : keys) {
-        if (!zel_add_data(builder, tag, 1, &value, err))
+        if (!zel_add_data(builder.parsed, tag, 1, &value, err))
             return nullptr;
         watch->tags.push_back(tag);
         watch->values.emplace_back(value.data ? value.data : "", size_t(value.len));

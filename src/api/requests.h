@@ -10,14 +10,30 @@
 
 namespace zel {
 
+// What an engine builds its requests and watches in, and reads a message to
+// be sent with: made once per engine, used on the application thread.
+class RequestBuilder {
+public:
+    RequestBuilder();
+    ~RequestBuilder();
+    RequestBuilder(const RequestBuilder &) = delete;
+    RequestBuilder &operator=(const RequestBuilder &) = delete;
+
+    // False when its memory could not be had (the alert was raised).
+    bool ready() const { return parsed && scratch; }
+
+    vartocb *parsed = nullptr;
+    scratchcb *scratch = nullptr; // 4096 bytes to start with
+};
+
 // A watch on `count` (tag, value) pairs sorted by tag, equal tags keeping
-// their order, with its subscribe request built through `builder` in
-// `scratch`, and the matching unsubscribe request. A value of length 0 or
+// their order, with its subscribe request built in `builder`, and the
+// matching unsubscribe request. A value of length 0 or
 // less matches any value. Null with detail 2 for bad arguments, or with the
 // builder's detail when the request cannot be built.
 // @locality application thread (builder and scratch are the engine's)
 std::unique_ptr<sWatchData> make_watch(const int *tags, const sPChar *values, int count, CZelReceiver *receiver,
-                                       void *context, vartocb *builder, scratchcb *scratch, int *err);
+                                       void *context, RequestBuilder &builder, int *err);
 
 // The number that a request carries in field 32760 and its reply carries
 // back, printed in full: on the hub the address of the requesting receiver,

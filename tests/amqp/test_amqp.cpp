@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "api/receive_window.h"
+#include "support/clients.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
 #include "support/time_factor.h"
@@ -39,6 +40,7 @@ using zel::test::admin_text;
 using zel::test::build_message;
 using zel::test::Fields;
 using zel::test::RabbitBroker;
+using zel::test::Recorder;
 
 RabbitBroker *broker;
 
@@ -57,82 +59,23 @@ const auto *const environment = ::testing::AddGlobalTestEnvironment(new BrokerEn
 
 bool pump_until(const std::function<bool()> &done)
 {
-    auto deadline = std::chrono::steady_clock::now() + zel::test::patience(20000);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        zel_pump_messages(20);
-    }
-    return true;
+    return zel::test::pump_until(done, zel::test::patience(20000));
 }
-
-struct Recorder : CZelReceiver {
-    std::vector<std::string> messages; // admin text, in order
-    std::vector<void *> requests;
-    std::function<void(vartocb *)> respond;
-    int processMsg(vartocb *msg, int, sWatchData *, void *, int *) override
-    {
-        messages.push_back(admin_text(msg));
-        if (respond)
-            respond(msg);
-        return 1;
-    }
-    int processReply(vartocb *reply, int, void *request, void *, int *) override
-    {
-        messages.push_back(admin_text(reply));
-        requests.push_back(request);
-        return 1;
-    }
-    bool saw(const std::string &text) const
-    {
-        return std::find(messages.begin(), messages.end(), text) != messages.end();
-    }
-};
-
-struct StatusLog : CZelListener {
-    std::vector<int> seen;
-    int statusChange(int status, int *) override
-    {
-        seen.push_back(status);
-        return 1;
-    }
-};
 
 struct Tls {
     std::string ca, key, certificate;
 };
 
 // One application's connection to the broker.
-struct Client {
-    CZelEngine engine;
-    StatusLog statuses;
-    int err = 0;
-
+struct Client : zel::test::Connection {
     Client(const std::string &name, int mode = 0, const Tls &tls = {}, std::string host = "127.0.0.1",
-           int port = 0, std::string exchange = "amq.topic")
+           std::string exchange = "amq.topic")
     {
-        engine.create_connection(port ? port : tls.ca.empty() ? broker->port() : broker->tls_port(), host, "/",
-                                 "guest", "guest", exchange, name, mode, tls.ca, tls.key, tls.certificate, nullptr);
+        engine.create_connection(tls.ca.empty() ? broker->port() : broker->tls_port(), host, "/", "guest", "guest",
+                                 exchange, name, mode, tls.ca, tls.key, tls.certificate, nullptr);
         engine.setConnectionListener(&statuses, &err);
     }
-    int status()
-    {
-        int s = 0;
-        engine.getConnectionStatus(&s, &err);
-        return s;
-    }
     bool connect() { return pump_until([&] { return status() == ZEL_STATUS_CONNECTED; }); }
-    void *watch(std::vector<int> tags, std::vector<std::string> values, CZelReceiver *receiver)
-    {
-        std::vector<sPChar> v;
-        for (auto &value : values)
-            v.push_back({value.data(), int32_t(value.size())});
-        void *handle = nullptr;
-        EXPECT_EQ(engine.addWatch(&handle, tags.data(), v.data(), int(tags.size()), receiver, nullptr, false, 0,
-                                  false, false, &err),
-                  1);
-        return handle;
-    }
     void serve(const std::string &name, CZelReceiver *receiver)
     {
         sPChar service{const_cast<char *>(name.data()), int32_t(name.size())};
@@ -148,12 +91,6 @@ struct Client {
         void *handle = nullptr;
         EXPECT_EQ(engine.addRqDontStore(&handle, &request, receiver, nullptr, &err), 1);
         return handle;
-    }
-    int send(const Fields &fields)
-    {
-        std::string bytes = build_message(fields);
-        scratchcb message{int32_t(bytes.size()), int32_t(bytes.size()), int32_t(bytes.size()), bytes.data()};
-        return engine.sendMsg(&message, &err);
     }
 };
 
@@ -471,7 +408,7 @@ TEST(AmqpBroker, VerifyingThePeerRefusesABrokerTheCaDidNotSign)
 
 TEST(AmqpBroker, AnExchangeThatDoesNotExistClosesTheChannelAndTheConnectionRecovers)
 {
-    Client client(unique_name("noexchange"), 0, {}, "127.0.0.1", 0, "no.such.exchange");
+    Client client(unique_name("noexchange"), 0, {}, "127.0.0.1", "no.such.exchange");
     EXPECT_EQ(client.status(), ZEL_STATUS_RECOVERING);
 }
 

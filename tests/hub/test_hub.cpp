@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "api/receive_window.h"
+#include "support/clients.h"
 #include "support/frame_socket.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
@@ -29,18 +30,9 @@ namespace {
 using zel::test::admin_text;
 using zel::test::build_message;
 using zel::test::Fields;
-
-// Pumps the calling thread's queue until `done`, or fails the test.
-bool pump_until(const std::function<bool()> &done)
-{
-    auto deadline = std::chrono::steady_clock::now() + zel::test::patience();
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        zel_pump_messages(20);
-    }
-    return true;
-}
+using zel::test::pump_until;
+using zel::test::Recorder;
+using zel::test::StatusLog;
 
 // Reconnects come quickly in tests.
 void set_reconnect_delays(const char *base_ms, const char *max_ms)
@@ -60,74 +52,12 @@ scratchcb *library_buffer(const Fields &fields)
     return buffer;
 }
 
-struct Recorder : CZelReceiver {
-    std::vector<std::string> messages; // admin text of each message, in order
-    std::vector<int> kinds;
-    std::vector<void *> requests, contexts;
-    std::function<void(vartocb *)> respond;
-    int processMsg(vartocb *msg, int kind, sWatchData *, void *context, int *) override
-    {
-        messages.push_back(admin_text(msg));
-        kinds.push_back(kind);
-        contexts.push_back(context);
-        if (respond)
-            respond(msg);
-        return 1;
-    }
-    int processReply(vartocb *reply, int kind, void *request, void *context, int *) override
-    {
-        requests.push_back(request);
-        return processMsg(reply, kind, nullptr, context, nullptr);
-    }
-    bool saw(const std::string &text) const
-    {
-        return std::find(messages.begin(), messages.end(), text) != messages.end();
-    }
-};
-
-struct StatusLog : CZelListener {
-    std::vector<int> seen;
-    int statusChange(int status, int *) override
-    {
-        seen.push_back(status);
-        return 1;
-    }
-};
-
 // One application's connection to the hub.
-struct Client {
-    std::unique_ptr<CZelEngine> owned = std::make_unique<CZelEngine>();
-    CZelEngine &engine = *owned;
-    StatusLog statuses;
-    int err = 0;
-
+struct Client : zel::test::Connection {
     Client(int port, const std::string &name)
     {
         engine.create_connection(port, "127.0.0.1", "hub", "", "", "", name, 0, "", "", "", nullptr);
         engine.setConnectionListener(&statuses, &err);
-    }
-    void *watch(std::vector<int> tags, std::vector<std::string> values, CZelReceiver *receiver, void *context = nullptr)
-    {
-        std::vector<sPChar> v;
-        for (auto &value : values)
-            v.push_back({value.data(), int32_t(value.size())});
-        void *handle = nullptr;
-        EXPECT_EQ(engine.addWatch(&handle, tags.data(), v.data(), int(tags.size()), receiver, context, false, 0,
-                                  false, false, &err),
-                  1);
-        return handle;
-    }
-    int send(const std::string &bytes)
-    {
-        scratchcb message = zel::test::scratch_of(bytes);
-        return engine.sendMsg(&message, &err);
-    }
-    int send(const Fields &fields) { return send(build_message(fields)); }
-    sZelMeters meters()
-    {
-        sZelMeters m{};
-        engine.getMeters(&m, &err);
-        return m;
     }
 };
 

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "api/alert.h"
 #include "api/receive_window.h"
 #include "api/requests.h"
 #include "message/fields.h"
@@ -50,26 +49,18 @@ CVartoEngine *make_amqp_engine(CIntRxWnd *window)
 
 CAmqpEngine::CAmqpEngine(CIntRxWnd *window)
 {
-    int err = 0;
     set_window(window);
-    if (!zel_ctor_vartocb(&parsed_, &err))
-        zel::alert("Vartocb ctor failed");
-    if (!zel_open_scratch(&scratch_, 4096, &err))
-        zel::alert("ScratchCb open failed");
 }
 
 CAmqpEngine::~CAmqpEngine()
 {
     stop_worker();
     worker_.reset();
-    int err = 0;
-    zel_close_scratch(&scratch_, &err);
-    zel_dtor_vartocb(&parsed_, &err);
 }
 
 bool CAmqpEngine::connected() const
 {
-    return window()->status() == ZEL_STATUS_CONNECTED && worker_ && parsed_ && scratch_;
+    return window()->status() == ZEL_STATUS_CONNECTED && worker_ && builder_.ready();
 }
 
 int CAmqpEngine::create_connection(std::string description, int option, std::string ca_path, std::string key_path,
@@ -132,11 +123,12 @@ int CAmqpEngine::addRqDontStore(void **request, void *message, CZelReceiver *rec
     if (!connected())
         return 0;
     auto *built = static_cast<scratchcb *>(message);
-    auto pending = zel::prepare_request(built, receiver, context, zel::RequestNumber::entry_address, parsed_, err);
+    auto pending = zel::prepare_request(built, receiver, context, zel::RequestNumber::entry_address,
+                                        builder_.parsed, err);
     if (!pending)
         return 0;
     sPChar service{};
-    zel_get_data(parsed_, zel::field::name, 0, &service, err);
+    zel_get_data(builder_.parsed, zel::field::name, 0, &service, err);
     request_routing_key_ = zel::amqp::service_key(std::string_view(service.data ? service.data : "",
                                                                    size_t(service.len)));
     *request = pending.get();
@@ -162,11 +154,11 @@ int CAmqpEngine::sendMsg(scratchcb *message, int *err)
     if (!connected())
         return 0;
     int parse_err = 0;
-    if (!message || !zel_parse_first_msg(parsed_, nullptr, message, &parse_err)) {
+    if (!message || !zel_parse_first_msg(builder_.parsed, nullptr, message, &parse_err)) {
         *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return 0;
     }
-    std::string routing_key = route_by_fields() ? zel::amqp::routing_key_of(parsed_) : request_routing_key_;
+    std::string routing_key = route_by_fields() ? zel::amqp::routing_key_of(builder_.parsed) : request_routing_key_;
     window()->count(bytes_sent, uint64_t(message->len));
     for (int counter : {data_sent, data_messages_sent, messages_sent})
         window()->count(counter);
@@ -188,8 +180,8 @@ int CAmqpEngine::addWatch(void **watch, int *tags, sPChar *values, int count, vo
 {
     if (!connected())
         return 0;
-    auto made = zel::make_watch(tags, values, count, static_cast<CZelReceiver *>(receiver), context, parsed_,
-                                scratch_, err);
+    auto made = zel::make_watch(tags, values, count, static_cast<CZelReceiver *>(receiver), context, builder_,
+                                err);
     if (!made)
         return 0;
     std::string key = zel::amqp::binding_key(made->tags, made->values);
@@ -205,9 +197,9 @@ int CAmqpEngine::addWatch(void **watch, int *tags, sPChar *values, int count, vo
 int CAmqpEngine::RemoveWatch(const int *tags, sPChar *values, int count)
 {
     int err = 0;
-    if (!parsed_ || !scratch_)
+    if (!builder_.ready())
         return 0;
-    auto wanted = zel::make_watch(tags, values, count, nullptr, nullptr, parsed_, scratch_, &err);
+    auto wanted = zel::make_watch(tags, values, count, nullptr, nullptr, builder_, &err);
     if (!wanted)
         return 0;
     std::string key = zel::amqp::binding_key(wanted->tags, wanted->values);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "api/engine_interface.h"
+#include "api/requests.h"
 #include "transport/amqp/amqp_worker.h"
 
 class CAmqpEngine : public CVartoEngine {
@@ -49,8 +50,7 @@ private:
     int remove_watches(const std::function<bool(const sWatchData &)> &match, const char *failure_trace);
     void trace_failure(const char *text);
 
-    vartocb *parsed_ = nullptr;    // builds and reads requests
-    scratchcb *scratch_ = nullptr; // 4096 bytes for building watch requests
+    zel::RequestBuilder builder_;
     std::string request_routing_key_; // where sendMsg publishes: the last request's key
     std::unique_ptr<CAmqpWorker> worker_;
 };

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 
-#include "api/alert.h"
 #include "api/receive_window.h"
 #include "api/requests.h"
 #include "message/wire.h"
@@ -29,27 +28,19 @@ CVartoEngine *make_hub_engine(CIntRxWnd *window)
 
 CHubEngine::CHubEngine(CIntRxWnd *window)
 {
-    int err = 0;
     set_window(window);
-    if (!zel_ctor_vartocb(&parsed_, &err))
-        zel::alert("Vartocb ctor failed");
-    if (!zel_open_scratch(&scratch_, 4096, &err))
-        zel::alert("ScratchCb open failed");
 }
 
 CHubEngine::~CHubEngine()
 {
     stop_worker();
     worker_.reset();
-    int err = 0;
-    zel_close_scratch(&scratch_, &err);
-    zel_dtor_vartocb(&parsed_, &err);
 }
 
 // Up, and with the buffers every request is built in.
 bool CHubEngine::connected() const
 {
-    return window()->status() == ZEL_STATUS_CONNECTED && worker_ && parsed_ && scratch_;
+    return window()->status() == ZEL_STATUS_CONNECTED && worker_ && builder_.ready();
 }
 
 int CHubEngine::create_connection(std::string description, int, std::string, std::string, std::string,
@@ -89,7 +80,8 @@ int CHubEngine::addRqDontStore(void **request, void *message, CZelReceiver *rece
     if (!connected())
         return 0;
     auto *built = static_cast<scratchcb *>(message);
-    auto pending = zel::prepare_request(built, receiver, context, zel::RequestNumber::receiver_address, parsed_, err);
+    auto pending = zel::prepare_request(built, receiver, context, zel::RequestNumber::receiver_address,
+                                        builder_.parsed, err);
     if (!pending)
         return 0;
     for (int counter : requests_sent)
@@ -116,8 +108,8 @@ int CHubEngine::addWatch(void **watch, int *tags, sPChar *values, int count, voi
 {
     if (!connected())
         return 0;
-    auto made = zel::make_watch(tags, values, count, static_cast<CZelReceiver *>(receiver), context, parsed_,
-                                scratch_, err);
+    auto made = zel::make_watch(tags, values, count, static_cast<CZelReceiver *>(receiver), context, builder_,
+                                err);
     if (!made)
         return 0;
     sWatchData *added = made.release();
@@ -153,7 +145,7 @@ int CHubEngine::RemoveWatch(const int *tags, sPChar *values, int count)
     int err = 0;
     if (!connected())
         return 0;
-    auto wanted = zel::make_watch(tags, values, count, nullptr, nullptr, parsed_, scratch_, &err);
+    auto wanted = zel::make_watch(tags, values, count, nullptr, nullptr, builder_, &err);
     if (!wanted)
         return 0;
     return remove_watches([&wanted](const sWatchData &w) {

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "api/engine_interface.h"
+#include "api/requests.h"
 #include "transport/hub/hub_worker.h"
 
 class CHubEngine : public CVartoEngine {
@@ -42,8 +43,7 @@ private:
     int remove_watches(const std::function<bool(const sWatchData &)> &match);
     void send_unsubscribe(const sWatchData &watch);
 
-    vartocb *parsed_ = nullptr;            // builds and reads requests
-    scratchcb *scratch_ = nullptr;         // 4096 bytes for building requests
+    zel::RequestBuilder builder_;
     std::unique_ptr<CHubworker> worker_;
 };
 
