@@ -8,7 +8,10 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <tuple>
+#include <vector>
 
+#include "message/message_test_util.h" // EXPECT_RESULT
 #include "support/frame_socket.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
@@ -35,12 +38,17 @@ void point_service_at(int port)
     ::setenv("PL_LOC_BROK_ADDR", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
 }
 
-// One lookup's outcome, with every pair value as text.
+using Strings = std::vector<std::string>;
+
+// One lookup's outcome, with the three pairs' values as text.
 struct Lookup {
     uint64_t result = 0;
     uint32_t detail = 0, kind = 0;
-    std::string pairs[3][2];
+    Strings pairs;
 };
+
+// What the pairs hold before a lookup.
+const Strings kBefore = {"p1a", "p1b", "p2a", "p2b", "p3a", "p3b"};
 
 // Looks `key` up on another thread while `serve` plays the service on this one.
 Lookup lookup(const std::string &key, const std::function<void(zel::test::FrameSocket &)> &serve)
@@ -48,21 +56,17 @@ Lookup lookup(const std::string &key, const std::function<void(zel::test::FrameS
     FrameListener listener;
     point_service_at(listener.port());
     auto done = std::async(std::launch::async, [key] {
-        static const std::string before[3][2] = {{"p1a", "p1b"}, {"p2a", "p2b"}, {"p3a", "p3b"}};
-        sPChar pairs[3][2];
-        for (int p = 0; p < 3; ++p)
-            for (int v = 0; v < 2; ++v)
-                pairs[p][v] = text(before[p][v]);
+        sPChar pairs[6];
+        for (int i = 0; i < 6; ++i)
+            pairs[i] = text(kBefore[size_t(i)]);
         Lookup out;
-        std::string k = key;
-        sPChar key_text = text(k);
-        out.result = p_addr_get_details_from_addrbk(&key_text, pairs[0], pairs[1], pairs[2], &out.kind, &out.detail);
-        for (int p = 0; p < 3; ++p)
-            for (int v = 0; v < 2; ++v) {
-                out.pairs[p][v] = value(pairs[p][v]);
-                if (pairs[p][v].data && pairs[p][v].data != before[p][v].data())
-                    pchar_destroy_mem(&pairs[p][v], nullptr); // the lookup's own copy
-            }
+        sPChar key_text = text(key);
+        out.result = p_addr_get_details_from_addrbk(&key_text, pairs, pairs + 2, pairs + 4, &out.kind, &out.detail);
+        for (int i = 0; i < 6; ++i) {
+            out.pairs.push_back(value(pairs[i]));
+            if (pairs[i].data && pairs[i].data != kBefore[size_t(i)].data())
+                pchar_destroy_mem(&pairs[i], nullptr); // the lookup's own copy
+        }
         return out;
     });
     if (auto peer = listener.accept())
@@ -83,8 +87,7 @@ TEST(AddressBook, RequestsCarryTheirFieldsInOrder)
     EXPECT_EQ(p_addrbk_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_update_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_remove_request(sd, &key, &err), 1u);
-    EXPECT_EQ(p_addrbk_remove_request(sd, nullptr, &err), 0u);
-    EXPECT_EQ(err, 2u);
+    EXPECT_RESULT(p_addrbk_remove_request(sd, nullptr, &err), 0u, 2u);
     for (const char *expected : {"0 1 mrv_ab 10000 1 'desk 7' 10046 1 10.1.2.3:7001 ",
                                  "0 1 mrv_lb_set_info 10000 1 'desk 7' 10046 1 10.1.2.3:7001 ",
                                  "0 1 mrv_lb_unset_info 10000 1 'desk 7' "})
@@ -101,39 +104,27 @@ TEST(AddressBook, AReplyMapsIntoThePairsAndOnlyWhatItCarries)
             peer.send_message(build_message(fields));
         };
     };
-    Lookup plain = lookup("k", reply_with({{10046, "host:1"}}));
-    EXPECT_EQ(plain.result, 1u);
-    EXPECT_EQ(plain.kind, 1u);
-    EXPECT_EQ(plain.pairs[1][0], "host:1");
-    EXPECT_EQ(plain.pairs[2][0], "(null)"); // no 32750
-    for (int p = 0; p < 3; ++p)
-        EXPECT_EQ(plain.pairs[p][1], "p" + std::to_string(p + 1) + "b"); // untouched
-
+    Lookup plain = lookup("k", reply_with({{10046, "host:1"}})); // no 32750: the third pair's first is null
+    EXPECT_EQ(std::make_tuple(plain.result, plain.kind, plain.pairs),
+              std::make_tuple(uint64_t{1}, 1u, Strings{"p1a", "p1b", "host:1", "p2b", "(null)", "p3b"}));
     Lookup full = lookup("k", reply_with({{10046, "host:2"}, {10003, "d"}, {32771, "s1"}, {32773, "s3"},
                                           {32750, "t"}}));
-    EXPECT_EQ(full.kind, 2u);
-    EXPECT_EQ(full.pairs[0][0] + full.pairs[0][1] + full.pairs[1][0] + full.pairs[1][1] + full.pairs[2][0] +
-                  full.pairs[2][1],
-              "ds1host:2p2bts3");
-
-    Lookup missing = lookup("k", reply_with({{10003, "d"}}));
-    EXPECT_EQ(missing.result, 0u);
-    EXPECT_EQ(missing.detail, 3u);
-    EXPECT_EQ(missing.pairs[0][0], "p1a"); // nothing written on failure
+    EXPECT_EQ(std::make_pair(full.kind, full.pairs), std::make_pair(2u, Strings{"d", "s1", "host:2", "p2b", "t", "s3"}));
+    Lookup missing = lookup("k", reply_with({{10003, "d"}})); // nothing written on failure
+    EXPECT_EQ(std::make_tuple(missing.result, missing.detail, missing.pairs), std::make_tuple(uint64_t{0}, 3u, kBefore));
 }
 
 TEST(AddressBook, ALookupFailsClearlyWhenTheServiceFails)
 {
     ::setenv("ZEL_ADDRBK_TIMEOUT_MS", "50", 1);
     EXPECT_EQ(lookup("k", [](auto &) {}).detail, 31u); // closed without a word
-    EXPECT_EQ(lookup("k", [](zel::test::FrameSocket &peer) {
-                  peer.read_message();
-                  peer.read_message(std::chrono::milliseconds(1000)); // holds the line past the bound
-              }).detail,
-              4u);
+    auto hold = [](zel::test::FrameSocket &peer) { // reads the request, then holds the line past the bound
+        peer.read_message();
+        peer.read_message(std::chrono::milliseconds(1000));
+    };
+    EXPECT_EQ(lookup("k", hold).detail, 4u);
     Lookup garbage = lookup("k", [](zel::test::FrameSocket &peer) { peer.send_message("not a message"); });
-    EXPECT_EQ(garbage.result, 0u);
-    EXPECT_NE(garbage.detail, 0u);
+    EXPECT_TRUE(garbage.result == 0 && garbage.detail != 0);
     ::unsetenv("ZEL_ADDRBK_TIMEOUT_MS");
 
     int closed_port;
@@ -145,8 +136,7 @@ TEST(AddressBook, ALookupFailsClearlyWhenTheServiceFails)
     std::string k = "k";
     sPChar key = text(k), pair[2] = {};
     uint32_t err = 0;
-    EXPECT_EQ(p_addr_local_addrbk_lookup(&key, pair, &err), 0u);
-    EXPECT_EQ(err, 7u);
+    EXPECT_RESULT(p_addr_local_addrbk_lookup(&key, pair, &err), 0u, 7u);
 }
 
 TEST(AddressBook, UpdateLookupAndRemoveThroughZelhub)
@@ -165,8 +155,7 @@ TEST(AddressBook, UpdateLookupAndRemoveThroughZelhub)
     std::string service = "127.0.0.1:" + std::to_string(hub.port());
     sPChar holder = text(service);
     ASSERT_EQ(p_addr_remove_addrbk(&key, nullptr, &holder, &err), 1u);
-    EXPECT_EQ(p_addr_local_addrbk_lookup(&key, pair, &err), 0u);
-    EXPECT_EQ(err, 3u);
+    EXPECT_RESULT(p_addr_local_addrbk_lookup(&key, pair, &err), 0u, 3u);
 }
 
 } // namespace

@@ -79,9 +79,8 @@ TEST(Split, RefusesALineLongerThanTheLimit)
     EXPECT_EQ(split(longest).first.size(), size_t(CFG_MAX_LINE));
     sCfgItem item{};
     sPChar text = pc(too_long);
-    uint32_t err = 0;
-    EXPECT_EQ(load_delim_msg_to_hndl(&item, &text, "=", &err), 0u);
-    EXPECT_EQ(err, 5u);
+    uint32_t err;
+    EXPECT_RESULT(load_delim_msg_to_hndl(&item, &text, "=", &err), 0u, 5u);
     EXPECT_EQ(item.key.data, nullptr);
 }
 

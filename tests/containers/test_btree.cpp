@@ -1,11 +1,13 @@
 // Ordered map: byte order across first-byte partitions, the caller's
 // ordering with its tail-first check, range searches, deletion and meters.
-#include <gtest/gtest.h>
 #include <zel/containers.h>
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include "message/message_test_util.h" // EXPECT_RESULT
 
 namespace {
 
@@ -40,8 +42,7 @@ struct Tree {
     {
         keys.reserve(1000);
         sZELBtreeParams p{7, 8, mode, &keys, nullptr, compare};
-        EXPECT_EQ(zel_btree_open(&t, &p, &err), 1);
-        EXPECT_EQ(err, 1);
+        EXPECT_RESULT(zel_btree_open(&t, &p, &err), 1, 1);
     }
     ~Tree() { zel_btree_close(&t, &err); }
 
@@ -51,43 +52,41 @@ struct Tree {
         sPChar k = key(keys.back());
         return zel_btree_insert_item(t, &k, &keys.back(), &err);
     }
-    Keys forward()
+    // Every key from one end to the other, through the neighbour lookups.
+    Keys walk(bool ascending)
     {
         Keys out;
         sPChar k;
-        for (int ok = zel_btree_find_first_key(t, &k, nullptr, &err); ok; ok = zel_btree_find_next_key(t, &k, nullptr, &err))
+        auto first = ascending ? zel_btree_find_first_key : zel_btree_find_last_key;
+        auto step = ascending ? zel_btree_find_next_key : zel_btree_find_prev_key;
+        for (int ok = first(t, &k, nullptr, &err); ok; ok = step(t, &k, nullptr, &err))
             out.push_back(text(k));
         EXPECT_EQ(err, 2);
         return out;
     }
-    Keys backward()
-    {
-        Keys out;
-        sPChar k;
-        for (int ok = zel_btree_find_last_key(t, &k, nullptr, &err); ok; ok = zel_btree_find_prev_key(t, &k, nullptr, &err))
-            out.push_back(text(k));
-        return out;
-    }
-    std::string lower_bound(const std::string &s)
+    Keys forward() { return walk(true); }
+    // The key a range search finds for `s`, or "-".
+    std::string search(decltype(zel_btree_find_next_key_less_than) find, const std::string &s)
     {
         sPChar k = key(s), found{};
-        return zel_btree_find_first_key_not_less_than(t, &k, &found, nullptr, &err) ? text(found) : "-";
+        return find(t, &k, &found, nullptr, &err) ? text(found) : "-";
     }
-    std::string below(const std::string &s)
-    {
-        sPChar k = key(s), found{};
-        return zel_btree_find_next_key_less_than(t, &k, &found, nullptr, &err) ? text(found) : "-";
-    }
+    std::string lower_bound(const std::string &s) { return search(zel_btree_find_first_key_not_less_than, s); }
+    std::string below(const std::string &s) { return search(zel_btree_find_next_key_less_than, s); }
 };
 
+// Byte order is strcmp order: a key's bytes after a NUL do not count, and keys
+// equal by it stay in the order they arrived.
 TEST(BtreeByteOrder, KeepsKeysInOrderAcrossPartitions)
 {
     Tree t(0);
-    for (const char *k : {"b", "a", "c", "zeta", "alpha", "Beta", "alphabet", "al", "0"})
+    const std::string nul("\0nul", 4), ca("c\0a", 3), cb("c\0b", 3);
+    for (const std::string &k : Keys{nul, "b", "a", "c", ca, "zeta", "alpha", "Beta", "alphabet", "al", "0", "cz",
+                                     cb, "zebra", "z"})
         ASSERT_EQ(t.insert(k), 1) << k;
-    Keys sorted = {"0", "Beta", "a", "al", "alpha", "alphabet", "b", "c", "zeta"};
+    Keys sorted = {nul, "0", "Beta", "a", "al", "alpha", "alphabet", "b", "c", ca, cb, "cz", "z", "zebra", "zeta"};
     EXPECT_EQ(t.forward(), sorted);
-    EXPECT_EQ(t.backward(), Keys(sorted.rbegin(), sorted.rend()));
+    EXPECT_EQ(t.walk(false), Keys(sorted.rbegin(), sorted.rend()));
     Keys nodes;
     sZELBtreeKeycb *n = nullptr;
     for (int ok = zel_btree_find_first_node(t.t, &n, &t.err); ok; ok = zel_btree_find_next_node(t.t, &n, &t.err))
@@ -117,25 +116,22 @@ TEST(BtreeDelete, UnlinksFromTheOrderAndItsPartition)
     Tree t(0);
     for (const char *k : {"a1", "a2", "a3", "b1", "c1"})
         t.insert(k);
+    int &err = t.err;
     void *value = nullptr;
-    for (const char *k : {"a1", "a3", "b1"}) {
-        std::string s = k;
+    for (std::string s : {"a1", "a3", "b1"}) {
         sPChar gone = key(s);
-        ASSERT_EQ(zel_btree_delete_item(t.t, &gone, &value, &t.err), 1) << k;
+        EXPECT_RESULT(zel_btree_delete_item(t.t, &gone, &value, &err), 1, 1);
         EXPECT_EQ(*static_cast<std::string *>(value), s);
-        EXPECT_EQ(zel_btree_find_key(t.t, &gone, &value, &t.err), 0);
-        EXPECT_EQ(t.err, 2);
+        EXPECT_RESULT(zel_btree_find_key(t.t, &gone, &value, &err), 0, 2);
     }
     EXPECT_EQ(t.forward(), (Keys{"a2", "c1"}));
     t.insert("b0"); // into the partition emptied above
     t.insert("a0");
     EXPECT_EQ(t.forward(), (Keys{"a0", "a2", "b0", "c1"}));
     sZELBtreeMeterscb m{};
-    zel_btree_get_meters(t.t, &m, &t.err);
-    EXPECT_EQ(m.items, 4u);
-    EXPECT_EQ(m.inserts, 7u);
-    EXPECT_EQ(m.deletes, 3u);
-    ASSERT_EQ(zel_btree_delete_all(t.t, &t.err), 1);
+    zel_btree_get_meters(t.t, &m, &err);
+    EXPECT_EQ(std::make_tuple(m.items, m.inserts, m.deletes), std::make_tuple(4u, 7u, 3u));
+    ASSERT_EQ(zel_btree_delete_all(t.t, &err), 1);
     EXPECT_TRUE(t.forward().empty());
     EXPECT_EQ(t.insert("a2"), 1); // the hash forgot the keys too
 }
@@ -147,14 +143,14 @@ TEST(BtreeCallerOrder, ChecksTheTailFirstAndRefusesEqualKeys)
     for (const char *k : {"1", "2", "3", "4"})
         t.insert(k);
     EXPECT_EQ(compare_calls, 3); // ascending: one comparison each after the first
-    t.insert("10");
-    t.insert("0");
-    t.insert("25");
+    for (const char *k : {"10", "0", "25"})
+        t.insert(k);
+    int &err = t.err;
+    for (const char *k : {"010", "025"}) // equal to an inner key and to the tail by the caller's order
+        EXPECT_RESULT(t.insert(k), 0, 9);
     EXPECT_EQ(t.forward(), (Keys{"0", "1", "2", "3", "4", "10", "25"}));
-    EXPECT_EQ(t.insert("010"), 0); // equal to "10" by the caller's order
-    EXPECT_EQ(t.err, 9);
-    EXPECT_EQ(t.forward().size(), 7u);
     EXPECT_EQ(t.lower_bound("5"), "10");
+    EXPECT_EQ(t.lower_bound("10"), "10");
     EXPECT_EQ(t.below("5"), "4");
 }
 
@@ -168,38 +164,27 @@ TEST(BtreeBadInput, RefusalsHaveTheirDetailsAndChangeNothing)
 {
     Tree broken(1, broken_order);
     broken.insert("first");
-    EXPECT_EQ(broken.insert("second"), 0);
-    EXPECT_EQ(broken.err, 5);
+    EXPECT_EQ(std::make_pair(broken.insert("second"), broken.err), std::make_pair(0, 5));
     EXPECT_EQ(broken.forward(), Keys{"first"});
 
     Tree t(0);
+    int &err = t.err;
     EXPECT_EQ(t.insert("k"), 1);
-    EXPECT_EQ(t.insert("k"), 0);
-    EXPECT_EQ(t.err, 9);
-    EXPECT_EQ(t.insert(""), 0);
-    EXPECT_EQ(t.err, 4);
-    EXPECT_EQ(t.insert("\x80high"), 0); // no partition for it
-    EXPECT_EQ(t.err, 4);
+    for (const auto &[k, detail] : {std::pair{"k", 9}, {"", 4}, {"\x80high", 4}}) // a duplicate, no bytes, no partition
+        EXPECT_RESULT(t.insert(k), 0, detail);
     std::string s = "v";
     sPChar k = key(s);
-    EXPECT_EQ(zel_btree_insert_item(t.t, &k, nullptr, &t.err), 0);
-    EXPECT_EQ(t.err, 4);
-    EXPECT_EQ(zel_btree_insert_item(nullptr, &k, &s, &t.err), 0);
+    EXPECT_RESULT(zel_btree_insert_item(t.t, &k, nullptr, &err), 0, 4);
+    EXPECT_RESULT(zel_btree_insert_item(nullptr, &k, &s, &err), 0, 4);
     EXPECT_EQ(t.forward(), Keys{"k"});
-
     sZELBtreeParams p{0, 0, 0, nullptr, nullptr, nullptr};
-    EXPECT_EQ(zel_btree_open(&t.t, &p, &t.err), 0);
-    EXPECT_EQ(t.err, 9);
+    EXPECT_RESULT(zel_btree_open(&t.t, &p, &err), 0, 9);
     void *other = nullptr;
     p.mode = 1; // the caller's ordering needs a function
-    EXPECT_EQ(zel_btree_open(&other, &p, &t.err), 0);
-    EXPECT_EQ(t.err, 4);
-
+    EXPECT_RESULT(zel_btree_open(&other, &p, &err), 0, 4);
     sZELBtreeInfocb info{};
-    ASSERT_EQ(zel_btree_get_info(t.t, &info, &t.err), 1);
-    EXPECT_EQ(info.user1, 7);
-    EXPECT_EQ(info.user3, &t.keys);
-    EXPECT_EQ(info.items, 1u);
+    EXPECT_RESULT(zel_btree_get_info(t.t, &info, &err), 1, 1);
+    EXPECT_TRUE(info.user1 == 7 && info.user3 == &t.keys && info.items == 1u);
 }
 
 } // namespace

@@ -15,9 +15,8 @@ using MessageCopy = MessageTest;
 std::string admin(vartocb *m)
 {
     Scratch text(16);
-    int err = -99;
-    EXPECT_EQ(varto_to_admin(m, &text.s, &err), 1);
-    EXPECT_EQ(err, 0);
+    int err;
+    EXPECT_RESULT(varto_to_admin(m, &text.s, &err), 1, 0);
     return text.bytes();
 }
 

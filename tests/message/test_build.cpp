@@ -35,10 +35,9 @@ TEST_F(Build, StartWritesAHeaderAfterEarlierContentAndAddDataRejectsMalformedVal
 
 TEST_F(Build, BufferDoublesToTwiceTheNeedAndTheIndexFollowsItsMoves)
 {
-    sPChar four = pc("abcd"), inside{};
+    sPChar inside{};
     out.reopen(16);
-    ASSERT_EQ(zel_start_msg(m, &out.s, &err), 1);
-    EXPECT_RESULT(zel_add_data(m, 1, 1, &four, &err), 1, 0);
+    build(m, out, {{1, "abcd"}});
     EXPECT_EQ(out.s.alloc, 16); // an exact fit does not grow
     EXPECT_RESULT(zel_delete_data_item(m, 1, 0, &err), 1, 0);
     std::vector<Strings> expected(7);
@@ -65,41 +64,37 @@ TEST_F(Build, BufferDoublesToTwiceTheNeedAndTheIndexFollowsItsMoves)
 TEST_F(Edit, DeleteMarksItemsKeepsTheHeaderCountAndTheChainConsistent)
 {
     Varto again;
-    build(m, out, {{4, "a"}, {4, "b"}, {6, "x"}, {4, "c"}});
-    auto del = [&](int index) {
-        EXPECT_RESULT(zel_delete_data_item(m, 4, index, &err), 1, 0);
-        return values(m, 4);
-    };
-    auto add = [&](const char *v) {
-        sPChar p = pc(v);
-        EXPECT_EQ(zel_add_data(m, 4, 1, &p, &err), 1);
-        return values(m, 4);
-    };
-    EXPECT_EQ(del(0), (Strings{"b", "c"})); // first of three
-    EXPECT_EQ(out.bytes(), wire_msg({{0xFFFF, "a"}, {4, "b"}, {6, "x"}, {4, "c"}})); // count kept
-    add("d");
-    EXPECT_EQ(del(2), (Strings{"b", "c"})); // the last
-    EXPECT_EQ(add("e"), (Strings{"b", "c", "e"}));
-    EXPECT_EQ(del(1), (Strings{"b", "e"})); // a middle one
-    EXPECT_EQ(del(0), (Strings{"e"}));      // first of two
-    EXPECT_EQ(add("f"), (Strings{"e", "f"}));
-    del(1);
-    EXPECT_EQ((std::pair<Strings, Tags>{del(0), field_order(m)}), std::make_pair(Strings{}, Tags{6})); // field gone
-    add("g");
-    EXPECT_EQ(field_order(m), (Tags{6, 4}));
+    out.reopen(128); // room for every step: no move rebuilds the index
+    build(m, out, {{4, "a"}, {4, "b"}, {6, "x"}, {4, "c"}, {7, "y"}});
+    // Each step deletes item `index` of tag 4 (or adds `value` when there is
+    // one) and names what tag 4 then holds. The deletions take the first of
+    // three, the last, a middle one, the first of two and the only one.
+    for (const auto &[index, value, after] : std::vector<std::tuple<int, const char *, Strings>>{
+             {0, nullptr, {"b", "c"}}, {0, "d", {"b", "c", "d"}}, {2, nullptr, {"b", "c"}}, {0, "e", {"b", "c", "e"}},
+             {1, nullptr, {"b", "e"}}, {0, nullptr, {"e"}}, {0, "f", {"e", "f"}}, {1, nullptr, {"e"}},
+             {0, nullptr, {}}, {0, "g", {"g"}}}) {
+        sPChar v = pc(value ? value : "");
+        if (value)
+            EXPECT_RESULT(zel_add_data(m, 4, 1, &v, &err), 1, 0);
+        else
+            EXPECT_RESULT(zel_delete_data_item(m, 4, index, &err), 1, 0);
+        EXPECT_EQ(values(m, 4), after) << index << (value ? value : "");
+    }
+    EXPECT_EQ(field_order(m), (Tags{6, 7, 4})); // the others keep their order
+    // Deleted items stay in place, marked, and the header still counts them.
+    EXPECT_EQ(out.bytes(), wire_msg({{0xFFFF, "a"}, {0xFFFF, "b"}, {6, "x"}, {0xFFFF, "c"}, {7, "y"}, {0xFFFF, "d"},
+                                     {0xFFFF, "e"}, {0xFFFF, "f"}, {4, "g"}}));
     EXPECT_RESULT(zel_delete_data_item(m, 9, 0, &err), 0, 6);
     EXPECT_RESULT(zel_delete_data_item(m, 4, 1, &err), 0, 2);
-    ASSERT_EQ(zel_parse_msg(again, &out.s, &err), 1); // a parse sees what the index sees
-    EXPECT_EQ(std::make_tuple(values(again, 4), values(again, 6), again->item_count),
-              std::make_tuple(Strings{"g"}, Strings{"x"}, 8));
-    int list[] = {6, 99, 6}; // whole fields: every item is marked, a listed one once
-    add("h");
+    int list[] = {6, 7, 99, 6}; // whole fields: every item is marked, a listed one once
+    sPChar h = pc("h");
+    ASSERT_EQ(zel_add_data(m, 4, 1, &h, &err), 1);
     EXPECT_RESULT(zel_delete_field(m, 4, &err), 1, 0);
     EXPECT_RESULT(zel_delete_field(m, 4, &err), 0, 6);
-    EXPECT_RESULT(zel_delete_field_list(m, list, 3, &err), 1, 0);
-    EXPECT_RESULT(zel_delete_field_list(m, list, 3, &err), 0, 2); // none present
+    EXPECT_RESULT(zel_delete_field_list(m, list, 4, &err), 1, 0);
+    EXPECT_RESULT(zel_delete_field_list(m, list, 4, &err), 0, 2); // none present
     ASSERT_EQ(zel_parse_msg(again, &out.s, &err), 1);
-    EXPECT_EQ(std::make_pair(field_order(again), again->item_count), std::make_pair(Tags{}, 9));
+    EXPECT_EQ(std::make_pair(field_order(again), again->item_count), std::make_pair(Tags{}, 10));
 }
 
 TEST_F(Edit, ReplaceMarksTheFieldDeletedAndAddsItAgainAtTheEnd)
