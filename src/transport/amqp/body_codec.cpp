@@ -17,8 +17,10 @@ namespace {
 
 constexpr int length_prefix = 4;
 constexpr uint64_t max_block_ratio = 255;
-// The largest message a body may declare: what a scratch buffer can hold.
-constexpr uint64_t largest_message = INT32_MAX - 4096;
+// The largest message a compressed body may expand to. A few hundred bytes
+// of LZMA can claim, and really expand to, gigabytes: a delivery must not be
+// able to take the process's memory.
+constexpr uint64_t largest_message = 64 * 1024 * 1024;
 
 void *open_codec(int type)
 {
