@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev
   libgtest-dev libbenchmark-dev
   lzma-dev liblz4-dev xz-utils
-  librabbitmq-dev rabbitmq-server openssl
+  librabbitmq-dev rabbitmq-server openssl libzmq3-dev
 )
 
 missing=()

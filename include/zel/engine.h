@@ -225,7 +225,14 @@ public:
      *   text9   CA certificate file: set, the connection uses TLS
      *   text10, text11  client key and certificate files: both set, the
      *           client authenticates with them
-     * No field may hold "@": the fields travel joined by "@". */
+     * No field may hold "@": the fields travel joined by "@".
+ *
+ * ZeroMQ: a SUB or PUB socket connects to tcp://host:port (its peer, for
+ * example zelproxy, binds); text6 is a label for the trace, text7 the client
+ * name. On a SUB connection addWatch and registerSrvc subscribe prefix
+ * filters and sendMsg answers 0; on a PUB connection sendMsg and
+ * addRqDontStore send [topic][message]. The README tells how filters meet
+ * topics. */
     int create_connection(int port, std::string host, std::string type, std::string text4, std::string text5,
                           std::string text6, std::string text7, int option, std::string text9, std::string text10,
                           std::string text11, int (*callback)(char *));

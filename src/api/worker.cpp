@@ -85,7 +85,7 @@ void CVartoWorker::timer_fired(unsigned id)
         return;
     }
     --attempts_left_;
-    serve();
+    retry();
     // A failed attempt that armed the next retry keeps the worker alive;
     // anything else (a stop, a failure with no retry) ends it.
     if (!reconnect_armed_)

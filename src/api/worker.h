@@ -31,6 +31,9 @@ public:
     virtual int recover() = 0;
     // Reads what the transport has and hands it on.
     virtual int receive() = 0;
+    // What a reconnect attempt does: a whole new connection, unless the
+    // transport keeps its link itself.
+    virtual int retry() { return serve(); }
     // A non-zero `code` starts recovery and is reported as "<text> : <code>".
     virtual int onError(int code, const char *text);
     virtual int sendHeartbeat() = 0;

@@ -2,6 +2,7 @@
 #include "api/engine_factory.h"
 #include "transport/amqp/amqp_engine.h"
 #include "transport/hub/hub_engine.h"
+#include "transport/zmq/zmq_engine.h"
 
 namespace zel {
 
@@ -16,7 +17,7 @@ Transport transport_for(std::string_view type)
 
 EngineMaker &engine_maker(Transport transport)
 {
-    static EngineMaker makers[] = {nullptr, make_hub_engine, make_amqp_engine};
+    static EngineMaker makers[] = {make_zmq_engine, make_hub_engine, make_amqp_engine};
     return makers[int(transport)];
 }
 

@@ -124,6 +124,13 @@ void TraceFile::received_message(std::string_view exchange, std::string_view rou
                                    exchange.data(), len, length_of(routing_key), routing_key.data()));
 }
 
+void TraceFile::received_data(std::string_view label, const char *body, int32_t len)
+{
+    if (!is_open() || !admin_text(body, len))
+        return;
+    write_group('<', printf_string("%s| %d | %.*s ", time_stamp('<').c_str(), len, length_of(label), label.data()));
+}
+
 void TraceFile::sent_request(std::string_view exchange, int kind, std::string_view binding_key)
 {
     std::lock_guard<std::mutex> guard(lock_);

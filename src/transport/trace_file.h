@@ -34,6 +34,8 @@ public:
     // A bind (kind 1) or unbind (kind 2) the broker has taken.
     void sent_request(std::string_view exchange, int kind, std::string_view binding_key);
     void received_message(std::string_view exchange, std::string_view routing_key, const char *body, int32_t len);
+    // A message that arrived on a ZeroMQ socket labelled `label`.
+    void received_data(std::string_view label, const char *body, int32_t len);
     void status(std::string_view text, std::string_view detail = {});
 
 private:

@@ -18,17 +18,17 @@
 
 namespace zel::test {
 
-// Starts the hub with `args`; `out` gets the reading end of its standard
-// output. A `quiet` hub's complaints go nowhere.
-inline pid_t spawn_zelhub(std::vector<std::string> args, int &out, bool quiet = false)
+// Starts the program args[0] with the rest as its arguments; `out` gets the
+// reading end of its standard output. A `quiet` program's complaints go
+// nowhere.
+inline pid_t spawn_program(std::vector<std::string> args, int &out, bool quiet = false)
 {
-    args.insert(args.begin(), ZELHUB_PATH);
     int ends[2];
     if (::pipe(ends) != 0)
         throw std::runtime_error("pipe");
     pid_t pid = ::fork();
     if (pid == 0) {
-        // A test that crashes must not leave its hub behind, holding the
+        // A test that crashes must not leave its child behind, holding the
         // test's output pipe open and a later run waiting on it.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(ends[1], STDOUT_FILENO);
@@ -46,6 +46,13 @@ inline pid_t spawn_zelhub(std::vector<std::string> args, int &out, bool quiet = 
     ::close(ends[1]);
     out = ends[0];
     return pid;
+}
+
+// Starts the hub with `args`.
+inline pid_t spawn_zelhub(std::vector<std::string> args, int &out, bool quiet = false)
+{
+    args.insert(args.begin(), ZELHUB_PATH);
+    return spawn_program(std::move(args), out, quiet);
 }
 
 // The first line the hub prints, or what came of it before the hub fell

@@ -1,0 +1,231 @@
+// The ZeroMQ connection's life on its worker thread.
+#include "transport/zmq/zmq_worker.h"
+
+#include <poll.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+#include "api/alert.h"
+#include "api/batch_buffer.h"
+#include "api/receive_window.h"
+#include "message/wire.h"
+
+namespace {
+
+constexpr int turn_ms = 30;
+
+// Every connect of the process takes the next number for its own filters.
+std::atomic<int> name_counter{1};
+
+void print_error(FILE *stream)
+{
+    std::fprintf(stream, "%s\n", zmq_strerror(errno));
+}
+
+} // namespace
+
+void *zmq_context()
+{
+    static void *context = zmq_ctx_new();
+    return context;
+}
+
+CZmqWorker::CZmqWorker(ZmqSettings settings) : settings_(std::move(settings)) {}
+
+CZmqWorker::~CZmqWorker()
+{
+    close_socket();
+}
+
+void CZmqWorker::close_socket()
+{
+    if (!socket_)
+        return;
+    int no_linger = 0;
+    zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger);
+    zmq_close(socket_);
+    socket_ = nullptr;
+}
+
+// ---- Connecting -------------------------------------------------------------
+
+int CZmqWorker::serve()
+{
+    std::lock_guard<std::unique_lock<std::mutex>> hold(worker_hold_);
+    const std::string name = settings_.name + "_" + std::to_string(name_counter.fetch_add(1));
+    const std::string endpoint = "tcp://" + settings_.host + ":" + std::to_string(settings_.port);
+    int kind = publishes() ? ZMQ_PUB : ZMQ_SUB;
+    int no_limit = 0;
+    socket_ = zmq_socket(zmq_context(), kind);
+    if (!socket_ || zmq_setsockopt(socket_, publishes() ? ZMQ_SNDHWM : ZMQ_RCVHWM, &no_limit, sizeof no_limit) != 0 ||
+        zmq_connect(socket_, endpoint.c_str()) != 0) {
+        print_error(stderr);
+        close_socket();
+        return 0;
+    }
+    size_t size = sizeof socket_fd_;
+    if (zmq_getsockopt(socket_, ZMQ_FD, &socket_fd_, &size) != 0 || socket_fd_ < 0) {
+        end_first_attempt(first_attempt_failed);
+        return onError(-1, "socket open");
+    }
+    recovering_.store(false, std::memory_order_release);
+    reportStatus(100, "connection success");
+    // A publisher takes no subscriptions: its own filters are a subscriber's.
+    if (!publishes() &&
+        (!set_subscription("^32761." + name, true) || !set_subscription("set_device_aka|" + name, true)))
+        return 0;
+    trace_.status("Connected");
+    end_first_attempt(connected_once);
+    reset_reconnect_delay();
+    return receive();
+}
+
+int CZmqWorker::onError(int code, const char *text)
+{
+    if (code >= 0)
+        return 1;
+    recover();
+    reportStatus(0, std::string(text) + " : " + zmq_strerror(errno));
+    return 1;
+}
+
+// The socket stays: ZeroMQ reconnects it; the timer re-enters the loop.
+int CZmqWorker::recover()
+{
+    recovering_.store(true, std::memory_order_release);
+    schedule_reconnect();
+    reportStatus(0, "recovery attempt failed, trying again");
+    return 1;
+}
+
+// ---- Receiving ----------------------------------------------------------------
+
+int CZmqWorker::receive()
+{
+    std::unique_lock<std::mutex> &hold = worker_hold_;
+    bool held = hold.owns_lock();
+    if (!held)
+        hold.lock();
+    int error = 0;
+    while (!stop_requested()) {
+        if (!wait_for_input())
+            continue;
+        if (!take_waiting(&error)) {
+            std::printf("%s\n", zmq_strerror(error));
+            break;
+        }
+    }
+    if (!held)
+        hold.unlock();
+    return error ? -1 : 0;
+}
+
+// Waits up to one turn on the socket's signal and the wake event, without
+// the lock. Answers whether the socket may have input; ZeroMQ's signal is a
+// level only for what it has not yet reported, so every turn looks.
+bool CZmqWorker::wait_for_input()
+{
+    pollfd waits[2] = {{socket_fd_, POLLIN, 0}, {wake_.fd(), POLLIN, 0}};
+    worker_hold_.unlock();
+    ::poll(waits, 2, turn_ms);
+    worker_hold_.lock();
+    if (waits[1].revents & POLLIN)
+        wake_.drain();
+    return !publishes();
+}
+
+// Receives the next message waiting into `part`, keeping only the last part
+// of a multipart message. False when nothing waits, or on a socket error.
+bool CZmqWorker::receive_last_part(zmq_msg_t *part, int *error)
+{
+    int more = 0;
+    size_t size = sizeof more;
+    int flags = ZMQ_DONTWAIT;
+    do {
+        if (zmq_msg_recv(part, socket_, flags) < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                *error = errno;
+            return false;
+        }
+        flags = 0;
+        zmq_getsockopt(socket_, ZMQ_RCVMORE, &more, &size);
+    } while (more);
+    return true;
+}
+
+// Takes every message waiting into one batch and posts it. A part that is
+// not one whole message is left out with an alert, and the messages around
+// it still go. False on a socket error.
+bool CZmqWorker::take_waiting(int *error)
+{
+    batch_.clear();
+    int32_t messages = 0;
+    zmq_msg_t part;
+    zmq_msg_init(&part);
+    while (receive_last_part(&part, error)) {
+        const char *data = static_cast<const char *>(zmq_msg_data(&part));
+        size_t length = zmq_msg_size(&part);
+        if (length == 0 || length > INT32_MAX || !zel::wire::holds_one_message(data, int64_t(length))) {
+            zel::alert("A ZeroMQ message that is not one whole message is dropped");
+            continue;
+        }
+        trace_.received_data(settings_.label, data, int32_t(length));
+        batch_.append(data, length);
+        ++messages;
+    }
+    zmq_msg_close(&part);
+    if (messages > 0 && settings_.window) {
+        zel::wait_for_batch_room();
+        auto batch = std::make_unique<zel::BatchBuffer>();
+        if (batch->append(batch_.data(), int32_t(batch_.size()), messages))
+            settings_.window->post_batch(batch.release());
+    }
+    return *error == 0;
+}
+
+// ---- Application side ---------------------------------------------------------
+
+int CZmqWorker::wake()
+{
+    wake_.raise();
+    return 1;
+}
+
+bool CZmqWorker::set_subscription(const std::string &filter, bool on)
+{
+    if (!socket_)
+        return false;
+    bool done = zmq_setsockopt(socket_, on ? ZMQ_SUBSCRIBE : ZMQ_UNSUBSCRIBE, filter.data(), filter.size()) == 0;
+    if (!done)
+        trace_.status(on ? "Subscription failed!.." : "Unsubscribe failed!..");
+    else
+        trace_.status(filter + "     |    " + settings_.label + "\t\t|\t" + std::to_string(filter.size()),
+                      on ? "0 1 subscribe " : "0 1 unsubscribe ");
+    return done;
+}
+
+void CZmqWorker::subscribe(const std::string &filter, bool on)
+{
+    {
+        std::lock_guard<std::mutex> hold(socket_lock_);
+        set_subscription(filter, on);
+    }
+    // What the socket did with the option may have used up its signal.
+    wake_.raise();
+}
+
+bool CZmqWorker::publish(const std::string &topic, std::string_view message)
+{
+    bool sent;
+    {
+        std::lock_guard<std::mutex> hold(socket_lock_);
+        sent = socket_ && zmq_send(socket_, topic.data(), topic.size(), ZMQ_SNDMORE) >= 0 &&
+               zmq_send(socket_, message.data(), message.size(), 0) >= 0;
+    }
+    if (sent)
+        sent_bytes_.fetch_add(message.size(), std::memory_order_relaxed);
+    return sent;
+}
