@@ -12,5 +12,6 @@
 #include "addrbk.h"
 #include "log.h"
 #include "engine.h"
+#include "udp.h"
 
 #endif /* ZEL_ZEL_H */
