@@ -1,0 +1,232 @@
+// Through the ZeroMQ forwarder, beside raw libzmq doing the same:
+//  - a PUB engine -> zelproxy -> a SUB engine with one watch filter that
+//    pumps its messages, [topic][100-byte message]; a raw PUB socket and a
+//    raw SUB socket with the same filter through the same forwarder;
+//  - datagrams per second delivered to the application thread by the UDP
+//    facade, beside a raw recvfrom loop on a socket of its own.
+//
+//     build/bench/bench_zmq [messages] [datagrams]
+#include <zel/zel.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "support/messages.h"
+#include "support/zelhub_process.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using zel::test::build_message;
+
+const std::string hundred_bytes = build_message({{5, "x"}, {44, std::string(81, 'p')}});
+const std::string topic = "^5.x.^44." + std::string(81, 'p') + ".";
+
+struct Proxy {
+    pid_t pid;
+    int publishers = 0, subscribers = 0;
+    Proxy()
+    {
+        int out = -1;
+        pid = zel::test::spawn_program({ZELPROXY_PATH}, out);
+        std::sscanf(zel::test::first_line(out).c_str(), "zelproxy listening on 127.0.0.1:%d 127.0.0.1:%d", &publishers,
+                    &subscribers);
+    }
+    ~Proxy()
+    {
+        ::kill(pid, SIGTERM);
+        ::waitpid(pid, nullptr, 0);
+    }
+};
+
+struct Counter : CZelReceiver {
+    long messages = 0;
+    int processMsg(vartocb *, int, sWatchData *, void *, int *) override { return ++messages, 1; }
+    int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
+};
+
+double seconds_since(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Publishes until told to stop: a subscription reaches a publisher only some
+// time after it was made, so the measurement starts at the first arrival.
+double engines(const Proxy &proxy, long messages)
+{
+    CZelEngine subscriber;
+    subscriber.create_connection(proxy.subscribers, "127.0.0.1", "ZMQ_SUB", "", "", "bench", "sub", 0, "", "", "",
+                                 nullptr);
+    Counter counter;
+    int tag = 5, err = 0;
+    sPChar value{const_cast<char *>("x"), 1};
+    void *watch = nullptr;
+    subscriber.addWatch(&watch, &tag, &value, 1, &counter, nullptr, false, 0, false, false, &err);
+    std::atomic<bool> done{false};
+    std::thread publisher_thread([&] {
+        CZelEngine publisher;
+        publisher.create_connection(proxy.publishers, "127.0.0.1", "ZMQ_PUB", "", "", "bench", "pub", 0, "", "", "",
+                                    nullptr);
+        std::string message = hundred_bytes;
+        scratchcb m{int32_t(message.size()), int32_t(message.size()), int32_t(message.size()), message.data()};
+        int e = 0;
+        while (!done)
+            publisher.sendMsg(&m, &e);
+    });
+    while (counter.messages == 0)
+        zel_pump_messages(10);
+    long first = counter.messages;
+    auto start = Clock::now();
+    while (counter.messages - first < messages)
+        zel_pump_messages(10);
+    double rate = double(counter.messages - first) / seconds_since(start);
+    done = true;
+    publisher_thread.join();
+    return rate;
+}
+
+double raw(const Proxy &proxy, long messages)
+{
+    void *context = zmq_ctx_new();
+    void *sub = zmq_socket(context, ZMQ_SUB);
+    int no_limit = 0;
+    zmq_setsockopt(sub, ZMQ_RCVHWM, &no_limit, sizeof no_limit);
+    zmq_setsockopt(sub, ZMQ_SUBSCRIBE, "^5.x.", 5);
+    zmq_connect(sub, ("tcp://127.0.0.1:" + std::to_string(proxy.subscribers)).c_str());
+    std::atomic<bool> done{false};
+    std::thread publisher_thread([&] {
+        void *pub = zmq_socket(context, ZMQ_PUB);
+        zmq_setsockopt(pub, ZMQ_SNDHWM, &no_limit, sizeof no_limit);
+        zmq_connect(pub, ("tcp://127.0.0.1:" + std::to_string(proxy.publishers)).c_str());
+        while (!done) {
+            zmq_send(pub, topic.data(), topic.size(), ZMQ_SNDMORE);
+            zmq_send(pub, hundred_bytes.data(), hundred_bytes.size(), 0);
+        }
+        int linger = 0;
+        zmq_setsockopt(pub, ZMQ_LINGER, &linger, sizeof linger);
+        zmq_close(pub);
+    });
+    zmq_msg_t part;
+    zmq_msg_init(&part);
+    auto take_one = [&] {
+        int more = 1;
+        size_t size = sizeof more;
+        while (more) {
+            zmq_msg_recv(&part, sub, 0);
+            zmq_getsockopt(sub, ZMQ_RCVMORE, &more, &size);
+        }
+    };
+    take_one();
+    auto start = Clock::now();
+    for (long i = 0; i < messages; ++i)
+        take_one();
+    double rate = double(messages) / seconds_since(start);
+    done = true;
+    publisher_thread.join();
+    zmq_msg_close(&part);
+    int linger = 0;
+    zmq_setsockopt(sub, ZMQ_LINGER, &linger, sizeof linger);
+    zmq_close(sub);
+    zmq_ctx_term(context);
+    return rate;
+}
+
+// ---- Datagrams ----------------------------------------------------------------------
+
+int bound_udp_socket(int *port)
+{
+    int s = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof a;
+    ::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
+    *port = ntohs(a.sin_port);
+    return s;
+}
+
+// Sends 8-byte datagrams to `port` until told to stop.
+std::thread flood(int port, std::atomic<bool> &done)
+{
+    return std::thread([port, &done] {
+        int s = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_port = htons(uint16_t(port));
+        while (!done)
+            ::sendto(s, "datagram", 8, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        ::close(s);
+    });
+}
+
+double facade_datagrams(long datagrams)
+{
+    int port = 0;
+    ::close(bound_udp_socket(&port));
+    Counter counter;
+    CUdpFacade::getInstance().init("", "", "127.0.0.1:" + std::to_string(port), &counter);
+    std::atomic<bool> done{false};
+    std::thread sender = flood(port, done);
+    while (counter.messages == 0)
+        zel_pump_messages(10);
+    long first = counter.messages;
+    auto start = Clock::now();
+    while (counter.messages - first < datagrams)
+        zel_pump_messages(10);
+    double rate = double(counter.messages - first) / seconds_since(start);
+    done = true;
+    sender.join();
+    return rate;
+}
+
+double raw_datagrams(long datagrams)
+{
+    int port = 0;
+    int s = bound_udp_socket(&port);
+    std::atomic<bool> done{false};
+    std::thread sender = flood(port, done);
+    char buffer[8];
+    ::recv(s, buffer, sizeof buffer, 0);
+    auto start = Clock::now();
+    for (long i = 0; i < datagrams; ++i)
+        ::recv(s, buffer, sizeof buffer, 0);
+    double rate = double(datagrams) / seconds_since(start);
+    done = true;
+    sender.join();
+    ::close(s);
+    return rate;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    long messages = argc > 1 ? std::atol(argv[1]) : 1000000;
+    long datagrams = argc > 2 ? std::atol(argv[2]) : 200000;
+    Proxy proxy;
+    double engine_rate = engines(proxy, messages);
+    double raw_rate = raw(proxy, messages);
+    double facade_rate = facade_datagrams(datagrams);
+    double recv_rate = raw_datagrams(datagrams);
+    std::printf("%-52s %12s %12s %7s\n", "", "zel", "raw", "ratio");
+    std::printf("%-52s %12.0f %12.0f %7.2f\n", "ZeroMQ via zelproxy, 100-byte messages, msg/s", engine_rate, raw_rate,
+                engine_rate / raw_rate);
+    std::printf("%-52s %12.0f %12.0f %7.2f\n", "UDP datagrams to the application thread, /s", facade_rate, recv_rate,
+                facade_rate / recv_rate);
+    return 0;
+}
