@@ -27,10 +27,23 @@ using zel::test::Recorder;
 // The forwarder, on ports it picks, stopped by its process id.
 class ZelproxyProcess {
 public:
-    ZelproxyProcess()
+    ZelproxyProcess() { start({ZELPROXY_PATH}); }
+    ~ZelproxyProcess() { stop(); }
+    // Kills it and starts it again on the same ports.
+    void restart()
+    {
+        stop();
+        start({ZELPROXY_PATH, "--publishers", std::to_string(publishers_), "--subscribers",
+               std::to_string(subscribers_)});
+    }
+    int publishers() const { return publishers_; }
+    int subscribers() const { return subscribers_; }
+
+private:
+    void start(std::vector<std::string> args)
     {
         int out = -1;
-        pid_ = zel::test::spawn_program({ZELPROXY_PATH}, out);
+        pid_ = zel::test::spawn_program(std::move(args), out);
         std::string line = zel::test::first_line(out);
         char in[64] = {}, to[64] = {};
         if (std::sscanf(line.c_str(), "zelproxy listening on 127.0.0.1:%63s 127.0.0.1:%63s", in, to) != 2)
@@ -38,16 +51,13 @@ public:
         publishers_ = std::atoi(in);
         subscribers_ = std::atoi(to);
     }
-    ~ZelproxyProcess()
+    void stop()
     {
-        ::kill(pid_, SIGTERM);
+        ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
-    int publishers() const { return publishers_; }
-    int subscribers() const { return subscribers_; }
 
-private:
-    pid_t pid_;
+    pid_t pid_ = -1;
     int publishers_ = 0, subscribers_ = 0;
 };
 
@@ -96,6 +106,20 @@ TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
     EXPECT_EQ(subscriber.send({{5, "IBM"}}), 0); // a subscriber does not send
     ASSERT_TRUE(pump_until([&] { return sync.saw("5 1 IBM 7 1 c 60000 1 end "); }));
     EXPECT_EQ(prices.messages, (std::vector<std::string>{"5 1 IBM 7 1 a ", "5 1 IBM 7 1 c 60000 1 end "}));
+}
+
+TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
+{
+    ZelproxyProcess proxy;
+    Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
+    Recorder sync;
+    subscriber.watch({60000}, {""}, &sync);
+    settle(publisher, sync, 1);
+    proxy.restart();
+    // ZeroMQ reconnects both and sends the subscriptions again.
+    settle(publisher, sync, 2);
+    EXPECT_EQ(subscriber.status(), ZEL_STATUS_CONNECTED);
+    EXPECT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 }
 
 TEST(Zmq, OnlyTheLastPartOfAMultipartMessageArrivesAndPartsThatAreNotMessagesAreDropped)
