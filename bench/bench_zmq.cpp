@@ -41,7 +41,7 @@ struct Proxy {
     Proxy()
     {
         int out = -1;
-        pid = zel::test::spawn_program({ZELPROXY_PATH}, out);
+        pid = zel::test::spawn_program({ZELPROXY_PATH, "--pub-port", "0", "--sub-port", "0"}, out);
         std::sscanf(zel::test::first_line(out).c_str(), "zelproxy listening on 127.0.0.1:%d 127.0.0.1:%d", &publishers,
                     &subscribers);
     }

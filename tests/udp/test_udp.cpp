@@ -7,8 +7,13 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,6 +60,15 @@ void send_datagram(int port, const std::string &bytes)
     ::close(s);
 }
 
+// First in the program: the facade is process-wide, and nothing has called
+// init yet.
+TEST(Udp, NotifyWithoutInitCallsNothing)
+{
+    int err = -1;
+    EXPECT_EQ(CUdpFacade::getInstance().notify(nullptr, &err), 1);
+    EXPECT_EQ(err, 0);
+}
+
 TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
 {
     Datagrams receiver;
@@ -62,10 +76,14 @@ TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
     CUdpFacade &udp = CUdpFacade::getInstance();
     ASSERT_EQ(udp.init("", "", "127.0.0.1:" + std::to_string(port), &receiver), 1);
     send_datagram(port, "0123456789abcdefghij"); // 20 bytes
-    send_datagram(port, "short");
-    ASSERT_TRUE(zel::test::pump_until([&] { return receiver.seen.size() == 2; }));
-    EXPECT_EQ(receiver.seen, (std::vector<std::string>{"01234567", "short"}));
-    EXPECT_EQ(receiver.threads, std::vector<std::thread::id>(2, std::this_thread::get_id()));
+    std::vector<std::string> expected = {"01234567"};
+    for (int i = 0; i < 200; ++i) {
+        expected.push_back("n" + std::to_string(i));
+        send_datagram(port, expected.back());
+    }
+    ASSERT_TRUE(zel::test::pump_until([&] { return receiver.seen.size() == expected.size(); }));
+    EXPECT_EQ(receiver.seen, expected);
+    EXPECT_EQ(receiver.threads, std::vector<std::thread::id>(expected.size(), std::this_thread::get_id()));
 
     // notify hands the application's own data to the same receiver.
     sPChar own{const_cast<char *>("own"), 3};
@@ -74,6 +92,29 @@ TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
     EXPECT_EQ(err, 0);
     EXPECT_EQ(receiver.seen.back(), "own");
     EXPECT_EQ(udp.dropped(), 0u);
+}
+
+} // namespace
+
+namespace {
+
+// A process that used the facade ends at once: the worker does not wait for
+// one more datagram.
+TEST(Udp, AProcessThatUsedTheFacadeExitsPromptly)
+{
+    int port = free_udp_port();
+    pid_t child = ::fork();
+    if (child == 0) {
+        Datagrams receiver;
+        CUdpFacade::getInstance().init("", "", "127.0.0.1:" + std::to_string(port), &receiver);
+        std::exit(0);
+    }
+    int gone = int(::syscall(SYS_pidfd_open, child, 0));
+    pollfd ended{gone, POLLIN, 0};
+    EXPECT_EQ(::poll(&ended, 1, int(zel::test::patience().count())), 1);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ::close(gone);
 }
 
 } // namespace

@@ -9,6 +9,12 @@
 #include <zmq.h>
 
 #include <atomic>
+#include <memory>
+#include <thread>
+#include <sstream>
+#include <regex>
+#include <fstream>
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -27,14 +33,13 @@ using zel::test::Recorder;
 // The forwarder, on ports it picks, stopped by its process id.
 class ZelproxyProcess {
 public:
-    ZelproxyProcess() { start({ZELPROXY_PATH}); }
+    ZelproxyProcess() { start({ZELPROXY_PATH, "--pub-port", "0", "--sub-port", "0"}); }
     ~ZelproxyProcess() { stop(); }
     // Kills it and starts it again on the same ports.
     void restart()
     {
         stop();
-        start({ZELPROXY_PATH, "--publishers", std::to_string(publishers_), "--subscribers",
-               std::to_string(subscribers_)});
+        start({ZELPROXY_PATH, "--pub-port", std::to_string(publishers_), "--sub-port", std::to_string(subscribers_)});
     }
     int publishers() const { return publishers_; }
     int subscribers() const { return subscribers_; }
@@ -98,7 +103,16 @@ TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
     Recorder prices, sync;
     subscriber.watch({60000}, {""}, &sync);
     subscriber.watch({5, 7}, {"IBM", ""}, &prices); // "^5.IBM.^7.": pairs in tag order prefix the topic
+    Recorder service, replies;
+    sPChar name{const_cast<char *>("quotes"), 6};
+    ASSERT_EQ(subscriber.engine.registerSrvc(&name, &service, 0, &subscriber.err), 1);
     settle(publisher, sync, 1);
+    std::string request = build_message({{0, "quotes"}});
+    std::vector<char> room(request.begin(), request.end());
+    room.resize(request.size() + 64);
+    scratchcb asked{int32_t(request.size()), int32_t(room.size()), int32_t(room.size()), room.data()};
+    void *handle = nullptr;
+    ASSERT_EQ(publisher.engine.addRqDontStore(&handle, &asked, &replies, nullptr, &publisher.err), 1);
 
     publisher.send({{5, "IBM"}, {7, "a"}});
     publisher.send({{5, "MSFT"}, {7, "b"}});
@@ -106,6 +120,8 @@ TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
     EXPECT_EQ(subscriber.send({{5, "IBM"}}), 0); // a subscriber does not send
     ASSERT_TRUE(pump_until([&] { return sync.saw("5 1 IBM 7 1 c 60000 1 end "); }));
     EXPECT_EQ(prices.messages, (std::vector<std::string>{"5 1 IBM 7 1 a ", "5 1 IBM 7 1 c 60000 1 end "}));
+    ASSERT_EQ(service.messages.size(), 1u);
+    EXPECT_EQ(service.messages[0].rfind("0 1 quotes 32760 1 ", 0), 0u) << service.messages[0];
 }
 
 TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
@@ -122,43 +138,135 @@ TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
     EXPECT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 }
 
-TEST(Zmq, OnlyTheLastPartOfAMultipartMessageArrivesAndPartsThatAreNotMessagesAreDropped)
+// A raw XPUB socket of the test: it sees the subscriptions a SUB connection
+// makes, byte for byte, and publishes what the test chooses.
+struct RawPublisher {
+    void *context = zmq_ctx_new();
+    void *socket = zmq_socket(context, ZMQ_XPUB);
+    int port = 0;
+    RawPublisher()
+    {
+        int wait_ms = int(zel::test::patience().count());
+        zmq_setsockopt(socket, ZMQ_RCVTIMEO, &wait_ms, sizeof wait_ms);
+        zmq_bind(socket, "tcp://127.0.0.1:*");
+        char endpoint[256];
+        size_t size = sizeof endpoint;
+        zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size);
+        port = std::atoi(std::strrchr(endpoint, ':') + 1);
+    }
+    ~RawPublisher()
+    {
+        int linger = 0;
+        zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+        zmq_close(socket);
+        zmq_ctx_term(context);
+    }
+    // The next subscription change: "+filter" or "-filter".
+    std::string subscription()
+    {
+        char bytes[512];
+        int n = zmq_recv(socket, bytes, sizeof bytes, 0);
+        return n <= 0 ? std::string() : (bytes[0] ? "+" : "-") + std::string(bytes + 1, size_t(n - 1));
+    }
+    void send(std::vector<std::string> parts)
+    {
+        for (size_t i = 0; i < parts.size(); ++i)
+            zmq_send(socket, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
+    }
+};
+
+TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessagesFromTheLastPart)
 {
     zel_set_alert_handler(record_alert);
+    RawPublisher peer;
+    std::string trace = ::testing::TempDir() + "zmq.trace";
+    {
+        Client first("ZMQ_SUB", peer.port, "own");
+        Client second("ZMQ_SUB", peer.port, "own");
+        std::vector<std::string> own;
+        for (int i = 0; i < 4; ++i)
+            own.push_back(peer.subscription());
+        std::sort(own.begin(), own.end());
+        // Each connection takes the next number of the process's counter.
+        int n = std::atoi(own[0].c_str() + std::strlen("+^32761.own_"));
+        EXPECT_EQ(own, (std::vector<std::string>{"+^32761.own_" + std::to_string(n), "+^32761.own_" + std::to_string(n + 1),
+                                                 "+set_device_aka|own_" + std::to_string(n),
+                                                 "+set_device_aka|own_" + std::to_string(n + 1)}));
+    }
+    for (int i = 0; i < 4; ++i) // gone with their sockets
+        EXPECT_EQ(peer.subscription()[0], '-');
+    auto subscriber = std::make_unique<Client>("ZMQ_SUB", peer.port, "raw");
+    peer.subscription();
+    peer.subscription();
+    subscriber->engine.enable_log(nullptr, trace);
+    Recorder in;
+    void *handle = subscriber->watch({9, 3}, {"", "x"}, &in);
+    EXPECT_EQ(peer.subscription(), "+^9.^3.x.");
+    subscriber->engine.removeWatch(handle, &subscriber->err);
+    EXPECT_EQ(peer.subscription(), "-^9.^3.x.");
+    subscriber->watch({9}, {""}, &in);
+    EXPECT_EQ(peer.subscription(), "+^9.");
+
+    size_t before = alerts.size();
+    peer.send({"^9.", "not the last part", build_message({{9, "last"}})});
+    peer.send({"^9.", "not a message"});
+    peer.send({"^9.", ""});
+    peer.send({"^9.", build_message({{9, "after"}})});
+    ASSERT_TRUE(pump_until([&] { return in.saw("9 1 after "); }));
+    EXPECT_EQ(in.messages, (std::vector<std::string>{"9 1 last ", "9 1 after "}));
+    EXPECT_EQ(alerts.size() - before, 2u);
+    subscriber->engine.disable_log(nullptr, trace);
+    std::ifstream file(trace);
+    std::stringstream text;
+    text << file.rdbuf();
+    const std::string stamp = R"(< [0-9]{1,2}-[0-9]{1,2}-[0-9]{4} [0-9]{1,2}:[0-9]{1,2}:[0-9]{1,2}:[0-9]{1,3})";
+    for (const std::string &group : {stamp + R"( \| \^9\.     \|    label\t\t\|\t3 \n< 0 1 subscribe \n<\n)",
+                                     stamp + R"(\| 16 \| label \n< 9 1 last \n<\n)"})
+        EXPECT_TRUE(std::regex_search(text.str(), std::regex(group))) << group << "\n" << text.str();
+
+    // Destroyed while its peer goes on sending: no hang, no crash.
+    std::atomic<bool> sending{true};
+    std::thread flood([&] {
+        while (sending)
+            peer.send({"^9.", build_message({{9, "more"}})});
+    });
+    ASSERT_TRUE(pump_until([&] { return in.messages.size() > 10; }));
+    subscriber.reset();
+    sending = false;
+    flood.join();
+    zel_set_alert_handler(nullptr);
+}
+
+// A raw SUB socket of the test sees what a PUB connection sends.
+TEST(Zmq, APublisherSendsTheTopicOfItsFieldsThenTheMessage)
+{
     void *context = zmq_ctx_new();
-    void *publisher = zmq_socket(context, ZMQ_PUB);
-    ASSERT_EQ(zmq_bind(publisher, "tcp://127.0.0.1:*"), 0);
+    void *sub = zmq_socket(context, ZMQ_SUB);
+    zmq_setsockopt(sub, ZMQ_SUBSCRIBE, "", 0);
+    int wait_ms = 20;
+    zmq_setsockopt(sub, ZMQ_RCVTIMEO, &wait_ms, sizeof wait_ms);
+    zmq_bind(sub, "tcp://127.0.0.1:*");
     char endpoint[256];
     size_t size = sizeof endpoint;
-    zmq_getsockopt(publisher, ZMQ_LAST_ENDPOINT, endpoint, &size);
-    int port = std::atoi(std::strrchr(endpoint, ':') + 1);
-
-    Client subscriber("ZMQ_SUB", port, "raw");
-    Recorder in;
-    subscriber.watch({9}, {""}, &in);
-    auto send_parts = [&](std::vector<std::string> parts) {
-        for (size_t i = 0; i < parts.size(); ++i)
-            zmq_send(publisher, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
-    };
+    zmq_getsockopt(sub, ZMQ_LAST_ENDPOINT, endpoint, &size);
+    Client publisher("ZMQ_PUB", std::atoi(std::strrchr(endpoint, ':') + 1), "pub");
+    std::string message = build_message({{7, "a"}, {5, "IBM"}});
+    std::vector<std::string> parts;
+    // The subscription reaches the publisher a little after it connects.
     ASSERT_TRUE(pump_until([&] {
-        send_parts({"^9.", build_message({{9, "sync"}})});
-        zel_pump_messages(5);
-        return in.saw("9 1 sync ");
+        publisher.send(message);
+        char bytes[256];
+        int n;
+        while ((n = zmq_recv(sub, bytes, sizeof bytes, 0)) >= 0)
+            parts.emplace_back(bytes, size_t(n));
+        return !parts.empty();
     }));
-    size_t before = in.messages.size();
-    send_parts({"^9.", "not the last part", build_message({{9, "last"}})});
-    send_parts({"^9.", "not a message"});
-    send_parts({"^9.", ""});
-    send_parts({"^9.", build_message({{9, "after"}})});
-    ASSERT_TRUE(pump_until([&] { return in.saw("9 1 after "); }));
-    EXPECT_EQ(std::vector<std::string>(in.messages.begin() + long(before), in.messages.end()),
-              (std::vector<std::string>{"9 1 last ", "9 1 after "}));
-    {
-        std::lock_guard<std::mutex> guard(alerts_lock);
-        EXPECT_EQ(alerts.size(), 2u);
-    }
-    zel_set_alert_handler(nullptr);
-    zmq_close(publisher);
+    ASSERT_GE(parts.size(), 2u);
+    EXPECT_EQ(parts[0], "^5.IBM.^7.a.");
+    EXPECT_EQ(parts[1], message);
+    int linger = 0;
+    zmq_setsockopt(sub, ZMQ_LINGER, &linger, sizeof linger);
+    zmq_close(sub);
     zmq_ctx_term(context);
 }
 
