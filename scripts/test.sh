@@ -39,7 +39,7 @@ ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_
 echo "== thread sanitizer build (tests labelled threads)"
 cmake -S . -B build-tsan -G Ninja -DZEL_TSAN=ON -DZEL_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$jobs" --target test_api test_descriptors test_hub test_amqp test_zmq test_udp
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp \
   ctest --test-dir build-tsan -j"$jobs" -L threads --output-on-failure --timeout 300 | tee -a "$summary"
 
 echo "== fuzzing, ${fuzz_seconds}s per target"

@@ -69,6 +69,17 @@ void CVartoWorker::reset_reconnect_delay()
     reconnect_delay_ms_ = base_delay_ms();
 }
 
+void CVartoWorker::count_idle_turn()
+{
+    if (!heartbeat_on_.load(std::memory_order_relaxed))
+        return;
+    long threshold = heartbeat_period_.load(std::memory_order_relaxed) * 1000 / 60000;
+    if (++idle_turns_ == threshold) {
+        sendHeartbeat();
+        idle_turns_ = 0;
+    }
+}
+
 void CVartoWorker::timer_fired(unsigned id)
 {
     if (id != reconnect_timer_id || !reconnect_armed_)

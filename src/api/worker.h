@@ -65,12 +65,24 @@ public:
     // The wait before the next reconnect attempt. @locality worker thread
     unsigned reconnect_delay_ms() const { return reconnect_delay_ms_; }
 
+    // Heartbeats every `period` x 1000 / 60000 idle turns of the worker.
+    // @locality any thread
+    void enable_heartbeat(long period)
+    {
+        heartbeat_period_.store(period, std::memory_order_relaxed);
+        heartbeat_on_.store(true, std::memory_order_relaxed);
+    }
+
 protected:
     // Doubles the reconnect delay (2000 ms after a connect, 4000 ms at the
     // first retry; saturating) and arms the reconnect timer with it.
     void schedule_reconnect();
     // A connect has succeeded: the next outage starts from the base again.
     void reset_reconnect_delay();
+    // Counts an idle turn; sends the heartbeat when the count reaches the
+    // threshold, and starts counting again. Turns with traffic are not
+    // counted and do not start the count again. @locality worker thread
+    void count_idle_turn();
 
 private:
     friend class CVartoEngine;
@@ -83,4 +95,7 @@ private:
     int attempts_left_ = 120;
     unsigned reconnect_delay_ms_;
     bool reconnect_armed_ = false;
+    std::atomic<bool> heartbeat_on_{false};
+    std::atomic<long> heartbeat_period_{50000};
+    long idle_turns_ = 0;
 };

@@ -272,7 +272,6 @@ int CAmqpWorker::receive()
     int result = 0;
     if (!rpc_succeeded("Consuming", &result))
         return result;
-    int idle_turns = 0;
     while (!stop_requested()) {
         if (close_requested_.exchange(false, std::memory_order_acq_rel))
             close_connection();
@@ -285,7 +284,7 @@ int CAmqpWorker::receive()
         if (is_library_error(reply, AMQP_STATUS_TIMEOUT)) {
             drain_sender();
             if (idle)
-                count_idle_turn(&idle_turns);
+                count_idle_turn();
             continue;
         }
         if (woken)
@@ -438,25 +437,6 @@ void CAmqpWorker::publish(const std::string &exchange, const std::string &routin
 }
 
 // ---- Heartbeat -----------------------------------------------------------------
-
-void CAmqpWorker::enable_heartbeat(long period)
-{
-    heartbeat_period_.store(period, std::memory_order_relaxed);
-    heartbeat_on_.store(true, std::memory_order_relaxed);
-}
-
-// The heartbeat goes out after a number of consecutive idle turns; a
-// delivery does not start the count again.
-void CAmqpWorker::count_idle_turn(int *idle_turns)
-{
-    if (!heartbeat_on_.load(std::memory_order_relaxed))
-        return;
-    long threshold = heartbeat_period_.load(std::memory_order_relaxed) * 1000 / 60000;
-    if (++*idle_turns == threshold) {
-        sendHeartbeat();
-        *idle_turns = 0;
-    }
-}
 
 int CAmqpWorker::sendHeartbeat()
 {

@@ -59,7 +59,6 @@ public:
     // to the worker costs a thread wake-up on every request and reply.
     // False when it must be queued instead. @locality application thread
     bool publish_now(const std::string &routing_key, std::string_view body);
-    void enable_heartbeat(long period);
     zel::TraceFile &trace() { return trace_; }
     // Has the worker close channel and connection at the broker (only the
     // worker's thread talks to the broker); it then finds the connection
@@ -81,7 +80,6 @@ private:
     void deliver(const amqp_envelope_t &envelope);
     void drain_sender();
     void publish(const std::string &exchange, const std::string &routing_key, std::string_view body);
-    void count_idle_turn(int *idle_turns);
     bool socket_open() const;
     void close_connection();
     void tear_down();
@@ -102,8 +100,6 @@ private:
     int socket_fd_ = -1;
     amqp_bytes_t queue_ = amqp_empty_bytes;
     std::atomic<bool> recovering_{true};
-    std::atomic<bool> heartbeat_on_{false};
-    std::atomic<long> heartbeat_period_{50000};
     std::atomic<uint64_t> returned_{0};
     std::atomic<bool> close_requested_{false};
     std::deque<CPublishMessage> taken_binds_;     // being sent

@@ -219,9 +219,12 @@ int CZmqEngine::registerSrvc(const sPChar *name, void *handler, int, int *err)
 
 // ---- Heartbeat, meters, log ---------------------------------------------------
 
-int CZmqEngine::enableHeartbeat(CZelHeartbeatListener *listener, long, int *)
+int CZmqEngine::enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *)
 {
+    if (!worker_)
+        return 0;
     window()->set_heartbeat_listener(listener);
+    worker_->enable_heartbeat(interval);
     return 1;
 }
 

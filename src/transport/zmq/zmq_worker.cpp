@@ -72,7 +72,7 @@ int CZmqWorker::serve()
         return onError(-1, "socket open");
     }
     recovering_.store(false, std::memory_order_release);
-    reportStatus(100, "connection success");
+    report(100, "connection success");
     // A publisher takes no subscriptions: its own filters are a subscriber's.
     if (!publishes() &&
         (!set_subscription("^32761." + name, true) || !set_subscription("set_device_aka|" + name, true)))
@@ -87,8 +87,9 @@ int CZmqWorker::onError(int code, const char *text)
 {
     if (code >= 0)
         return 1;
+    std::string what = std::string(text) + " : " + zmq_strerror(errno);
     recover();
-    reportStatus(0, std::string(text) + " : " + zmq_strerror(errno));
+    report(0, what);
     return 1;
 }
 
@@ -97,8 +98,20 @@ int CZmqWorker::recover()
 {
     recovering_.store(true, std::memory_order_release);
     schedule_reconnect();
-    reportStatus(0, "recovery attempt failed, trying again");
+    report(0, "recovery attempt failed, trying again");
     return 1;
+}
+
+// Reports without the socket lock: the monitor takes the window's lock,
+// which the application thread holds while it asks for the socket.
+void CZmqWorker::report(int level, const std::string &text)
+{
+    bool held = worker_hold_.owns_lock();
+    if (held)
+        worker_hold_.unlock();
+    reportStatus(level, text);
+    if (held)
+        worker_hold_.lock();
 }
 
 // ---- Receiving ----------------------------------------------------------------
@@ -111,9 +124,11 @@ int CZmqWorker::receive()
         hold.lock();
     int error = 0;
     while (!stop_requested()) {
-        if (!wait_for_input())
-            continue;
-        if (!take_waiting(&error)) {
+        bool idle = false;
+        bool may_read = wait_for_input(&idle);
+        if (idle)
+            count_idle_turn();
+        if (may_read && !take_waiting(&error)) {
             std::printf("%s\n", zmq_strerror(error));
             break;
         }
@@ -126,11 +141,11 @@ int CZmqWorker::receive()
 // Waits up to one turn on the socket's signal and the wake event, without
 // the lock. Answers whether the socket may have input; ZeroMQ's signal is a
 // level only for what it has not yet reported, so every turn looks.
-bool CZmqWorker::wait_for_input()
+bool CZmqWorker::wait_for_input(bool *idle)
 {
     pollfd waits[2] = {{socket_fd_, POLLIN, 0}, {wake_.fd(), POLLIN, 0}};
     worker_hold_.unlock();
-    ::poll(waits, 2, turn_ms);
+    *idle = ::poll(waits, 2, turn_ms) == 0;
     worker_hold_.lock();
     if (waits[1].revents & POLLIN)
         wake_.drain();
@@ -184,6 +199,19 @@ bool CZmqWorker::take_waiting(int *error)
             settings_.window->post_batch(batch.release());
     }
     return *error == 0;
+}
+
+// A publisher's heartbeat: no subscriber's filter starts with "0.", so only
+// a peer that takes everything sees it.
+int CZmqWorker::sendHeartbeat()
+{
+    if (!publishes())
+        return 1;
+    static const std::string topic = "0.varto_heartbeat";
+    static const std::string body = "0 1 varto_heartbeat";
+    zmq_send(socket_, topic.data(), topic.size(), ZMQ_SNDMORE);
+    zmq_send(socket_, body.data(), body.size(), 0);
+    return 1;
 }
 
 // ---- Application side ---------------------------------------------------------

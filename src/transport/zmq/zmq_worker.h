@@ -37,7 +37,7 @@ public:
     int recover() override;
     int receive() override;
     int onError(int code, const char *text) override;
-    int sendHeartbeat() override { return 1; }
+    int sendHeartbeat() override;
     // A retry re-enters the receive loop: ZeroMQ keeps the link itself.
     int retry() override { return receive(); }
 
@@ -54,8 +54,9 @@ public:
     void reset_sent_bytes() { sent_bytes_.store(0, std::memory_order_relaxed); }
 
 private:
+    void report(int level, const std::string &text);
     bool set_subscription(const std::string &filter, bool on);
-    bool wait_for_input();
+    bool wait_for_input(bool *idle);
     bool receive_last_part(zmq_msg_t *part, int *error);
     bool take_waiting(int *error);
     void close_socket();
