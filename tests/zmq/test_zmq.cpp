@@ -129,6 +129,8 @@ TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
     ZelproxyProcess proxy;
     Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
     Recorder sync;
+    std::string trace = ::testing::TempDir() + "zmq-restart.trace";
+    subscriber.engine.enable_log(nullptr, trace);
     subscriber.watch({60000}, {""}, &sync);
     settle(publisher, sync, 1);
     proxy.restart();
@@ -136,6 +138,12 @@ TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
     settle(publisher, sync, 2);
     EXPECT_EQ(subscriber.status(), ZEL_STATUS_CONNECTED);
     EXPECT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
+    // The socket's own events show the outage in the trace.
+    subscriber.engine.disable_log(nullptr, trace);
+    std::ifstream file(trace);
+    std::stringstream text;
+    text << file.rdbuf();
+    EXPECT_NE(text.str().find("| Disconnected socket descriptor "), std::string::npos) << text.str();
 }
 
 // A raw XPUB socket of the test: it sees the subscriptions a SUB connection

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "api/alert.h"
@@ -42,9 +43,16 @@ CZmqWorker::~CZmqWorker()
 
 void CZmqWorker::close_socket()
 {
+    int no_linger = 0;
+    if (monitor_) {
+        zmq_socket_monitor(socket_, nullptr, 0);
+        zmq_setsockopt(monitor_, ZMQ_LINGER, &no_linger, sizeof no_linger);
+        zmq_close(monitor_);
+        monitor_ = nullptr;
+        monitor_fd_ = -1;
+    }
     if (!socket_)
         return;
-    int no_linger = 0;
     zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger);
     zmq_close(socket_);
     socket_ = nullptr;
@@ -60,6 +68,8 @@ int CZmqWorker::serve()
     int kind = publishes() ? ZMQ_PUB : ZMQ_SUB;
     int no_limit = 0;
     socket_ = zmq_socket(zmq_context(), kind);
+    if (socket_)
+        start_monitor(name);
     if (!socket_ || zmq_setsockopt(socket_, publishes() ? ZMQ_SNDHWM : ZMQ_RCVHWM, &no_limit, sizeof no_limit) != 0 ||
         zmq_connect(socket_, endpoint.c_str()) != 0) {
         print_error(stderr);
@@ -143,13 +153,64 @@ int CZmqWorker::receive()
 // level only for what it has not yet reported, so every turn looks.
 bool CZmqWorker::wait_for_input(bool *idle)
 {
-    pollfd waits[2] = {{socket_fd_, POLLIN, 0}, {wake_.fd(), POLLIN, 0}};
+    pollfd waits[3] = {{socket_fd_, POLLIN, 0}, {wake_.fd(), POLLIN, 0}, {monitor_fd_, POLLIN, 0}};
     worker_hold_.unlock();
-    *idle = ::poll(waits, 2, turn_ms) == 0;
+    *idle = ::poll(waits, 3, turn_ms) == 0;
     worker_hold_.lock();
     if (waits[1].revents & POLLIN)
         wake_.drain();
+    read_monitor();
     return !publishes();
+}
+
+// ---- Socket monitor ---------------------------------------------------------
+
+// The socket reports its connection events on an endpoint of its own; the
+// worker writes them to the trace file, and nowhere else.
+void CZmqWorker::start_monitor(const std::string &name)
+{
+    const std::string endpoint = "inproc://zel-monitor-" + name;
+    if (zmq_socket_monitor(socket_, endpoint.c_str(), ZMQ_EVENT_ALL) != 0)
+        return;
+    monitor_ = zmq_socket(zmq_context(), ZMQ_PAIR);
+    if (!monitor_ || zmq_connect(monitor_, endpoint.c_str()) != 0) {
+        print_error(stdout);
+        if (monitor_)
+            zmq_close(monitor_);
+        monitor_ = nullptr;
+        return;
+    }
+    size_t size = sizeof monitor_fd_;
+    zmq_getsockopt(monitor_, ZMQ_FD, &monitor_fd_, &size);
+    trace_.status("Starting socket monitor...");
+}
+
+// Each event is two parts: the code and value, then the endpoint. Five of
+// the codes have a line of their own.
+void CZmqWorker::read_monitor()
+{
+    if (!monitor_)
+        return;
+    zmq_msg_t part;
+    zmq_msg_init(&part);
+    while (zmq_msg_recv(&part, monitor_, ZMQ_DONTWAIT) >= 0) {
+        uint16_t code = 0;
+        uint32_t value = 0;
+        if (zmq_msg_size(&part) >= 6) {
+            std::memcpy(&code, zmq_msg_data(&part), 2);
+            std::memcpy(&value, static_cast<char *>(zmq_msg_data(&part)) + 2, 4);
+        }
+        zmq_msg_recv(&part, monitor_, 0);
+        const char *line = code == ZMQ_EVENT_LISTENING      ? "Listening socket descriptor "
+                           : code == ZMQ_EVENT_ACCEPTED     ? "Accepted socket descriptor "
+                           : code == ZMQ_EVENT_CLOSED       ? "Closed socket descriptor "
+                           : code == ZMQ_EVENT_CLOSE_FAILED ? "Socket close failure error code "
+                           : code == ZMQ_EVENT_DISCONNECTED ? "Disconnected socket descriptor "
+                                                            : nullptr;
+        if (line)
+            trace_.status(line + std::to_string(value));
+    }
+    zmq_msg_close(&part);
 }
 
 // Receives the next message waiting into `part`, keeping only the last part

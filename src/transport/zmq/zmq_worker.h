@@ -2,7 +2,8 @@
 // socket connects to its peer (a publisher's or subscriber's bound socket,
 // usually the forwarder zelproxy); ZeroMQ itself reconnects the link. A SUB
 // worker takes every message waiting into one batch for the application
-// thread, keeping only the last part of a multipart message.
+// thread, keeping only the last part of a multipart message. The socket's
+// connection events go to the trace file.
 #pragma once
 
 #include <atomic>
@@ -57,6 +58,8 @@ private:
     void report(int level, const std::string &text);
     bool set_subscription(const std::string &filter, bool on);
     bool wait_for_input(bool *idle);
+    void start_monitor(const std::string &name);
+    void read_monitor();
     bool receive_last_part(zmq_msg_t *part, int *error);
     bool take_waiting(int *error);
     void close_socket();
@@ -72,6 +75,8 @@ private:
     zel::WakeEvent wake_;
     void *socket_ = nullptr;
     int socket_fd_ = -1;
+    void *monitor_ = nullptr; // the socket's own event endpoint, read into the trace
+    int monitor_fd_ = -1;
     std::atomic<bool> recovering_{true};
     std::atomic<uint64_t> sent_bytes_{0};
     std::string batch_; // messages taken this turn
