@@ -5,6 +5,7 @@
 
 #include <zel/message.h>
 
+#include <string_view>
 #include <vector>
 
 namespace zel::field {
@@ -36,6 +37,23 @@ bool take_request_number_last_first(const vartocb *m, std::vector<const sVartoIt
         if (take(**item))
             return true;
     return false;
+}
+
+// Offers every item of the message to `visit` as (tag, value), in ascending
+// tag order and, within a tag, in order; stops when `visit` answers false.
+// The keys and topics that route a message are made this way.
+template <typename Visit>
+void visit_items_by_tag(vartocb *m, Visit &&visit)
+{
+    int tag = 0;
+    int count = 0;
+    int err = 0;
+    for (int more = zel_get_first_field_sort(m, &tag, &count, &err); more;
+         more = zel_get_next_field_sort(m, &tag, &count, &err)) {
+        for (const sVartoItem *item = first_item(m, tag); item; item = item->next)
+            if (!visit(tag, std::string_view(item->data ? item->data : "", size_t(item->len > 0 ? item->len : 0))))
+                return;
+    }
 }
 
 } // namespace zel::field

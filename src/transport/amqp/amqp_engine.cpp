@@ -4,15 +4,17 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "api/meters.h"
 #include "api/receive_window.h"
 #include "api/requests.h"
 #include "message/fields.h"
 #include "transport/amqp/routing_keys.h"
+#include "transport/description.h"
+
+using namespace zel::meter;
 
 namespace {
 
-// Counters of the meters, by position.
-enum Meter { messages_sent = 7, requests_sent = 9, data_sent = 11, bytes_sent = 14, data_messages_sent = 16 };
 
 // Data messages go where the last request went, unless the application asks
 // for routing keys made of the messages' own fields.
@@ -20,24 +22,6 @@ bool route_by_fields()
 {
     const char *value = std::getenv("ZEL_AMQP_ROUTE_BY_FIELDS");
     return value && std::strcmp(value, "1") == 0;
-}
-
-// The seven "@"-separated fields of a connection description, each cut at
-// the first "@" of what is left; the last takes the rest.
-std::vector<std::string> split_description(const std::string &description)
-{
-    std::vector<std::string> fields;
-    size_t from = 0;
-    while (fields.size() < 6) {
-        size_t at = description.find('@', from);
-        if (at == std::string::npos)
-            break;
-        fields.push_back(description.substr(from, at - from));
-        from = at + 1;
-    }
-    fields.push_back(description.substr(std::min(from, description.size())));
-    fields.resize(7);
-    return fields;
 }
 
 } // namespace
@@ -66,7 +50,7 @@ bool CAmqpEngine::connected() const
 int CAmqpEngine::create_connection(std::string description, int option, std::string ca_path, std::string key_path,
                                    std::string certificate_path, CVartoSpy *monitor)
 {
-    std::vector<std::string> fields = split_description(description);
+    std::vector<std::string> fields = zel::split_description(description, 7);
     AmqpSettings settings;
     settings.exchange = fields[0];
     settings.name = fields[1];

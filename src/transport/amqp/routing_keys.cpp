@@ -1,7 +1,7 @@
 // Binding keys, service keys and routing keys.
 #include "transport/amqp/routing_keys.h"
 
-#include <zel/message.h>
+#include "message/fields.h"
 
 namespace zel::amqp {
 
@@ -37,22 +37,15 @@ std::string service_key(std::string_view name)
 std::string routing_key_of(vartocb *message)
 {
     std::string key;
-    int tag = 0;
-    int count = 0;
-    int err = 0;
-    for (int more = zel_get_first_field_sort(message, &tag, &count, &err); more;
-         more = zel_get_next_field_sort(message, &tag, &count, &err)) {
-        for (int i = 0; i < count; ++i) {
-            sPChar value{};
-            zel_get_data(message, tag, i, &value, &err);
-            std::string next = piece(tag, std::string_view(value.data ? value.data : "", size_t(value.len)));
-            if (key.size() + (key.empty() ? 0 : 1) + next.size() > longest_routing_key)
-                return key;
-            if (!key.empty())
-                key += '.';
-            key += next;
-        }
-    }
+    field::visit_items_by_tag(message, [&key](int tag, std::string_view value) {
+        std::string next = piece(tag, value);
+        if (key.size() + (key.empty() ? 0 : 1) + next.size() > longest_routing_key)
+            return false;
+        if (!key.empty())
+            key += '.';
+        key += next;
+        return true;
+    });
     return key;
 }
 

@@ -3,16 +3,16 @@
 
 #include <cstdlib>
 
+#include "api/meters.h"
 #include "api/receive_window.h"
 #include "api/requests.h"
 #include "message/wire.h"
 
 namespace {
 
-// Counters of the meters an engine keeps, by position.
-enum Meter { worker_counter = 14, discarded_frames = 18 };
 // Three counters keep the same count of requests sent.
-constexpr int requests_sent[] = {7, 9, 16};
+constexpr int requests_sent[] = {zel::meter::messages_sent, zel::meter::requests_sent,
+                                 zel::meter::data_messages_sent};
 
 bool holds_one_message(const scratchcb *message)
 {
@@ -213,8 +213,8 @@ int CHubEngine::disableHeartbeat(int *)
 int CHubEngine::getMeters(sZelMeters *meters, int *)
 {
     window()->read_meters(meters);
-    meters->counters[worker_counter] = worker_ ? worker_->sent_bytes() : 0;
-    meters->counters[discarded_frames] = worker_ ? worker_->discarded_frames() : 0;
+    meters->counters[zel::meter::bytes_sent] = worker_ ? worker_->sent_bytes() : 0;
+    meters->counters[zel::meter::discarded_frames] = worker_ ? worker_->discarded_frames() : 0;
     return 1;
 }
 

@@ -3,36 +3,14 @@
 
 #include <cstdlib>
 
+#include "api/meters.h"
 #include "api/receive_window.h"
 #include "message/fields.h"
 #include "message/wire.h"
+#include "transport/description.h"
 #include "transport/zmq/zmq_filters.h"
 
-namespace {
-
-// Counters of the meters, by position.
-enum Meter { messages_sent = 7, requests_sent = 9, data_sent = 11, bytes_sent = 14, data_messages_sent = 16 };
-
-// The five "@"-separated fields of a description: host, port, type, client
-// name, label; each cut at the first "@" of what is left, the last taking
-// the rest.
-std::vector<std::string> split_description(const std::string &description)
-{
-    std::vector<std::string> fields;
-    size_t from = 0;
-    while (fields.size() < 4) {
-        size_t at = description.find('@', from);
-        if (at == std::string::npos)
-            break;
-        fields.push_back(description.substr(from, at - from));
-        from = at + 1;
-    }
-    fields.push_back(description.substr(std::min(from, description.size())));
-    fields.resize(5);
-    return fields;
-}
-
-} // namespace
+using namespace zel::meter;
 
 CVartoEngine *make_zmq_engine(CIntRxWnd *window)
 {
@@ -58,7 +36,7 @@ bool CZmqEngine::connected() const
 int CZmqEngine::create_connection(std::string description, int, std::string, std::string, std::string,
                                   CVartoSpy *monitor)
 {
-    std::vector<std::string> fields = split_description(description);
+    std::vector<std::string> fields = zel::split_description(description, 5);
     ZmqSettings settings;
     settings.host = fields[0];
     settings.port = std::atoi(fields[1].c_str());

@@ -3,6 +3,8 @@
 
 #include <zel/message.h>
 
+#include "message/fields.h"
+
 namespace zel::zmq {
 
 namespace {
@@ -56,17 +58,10 @@ std::string service_filter(std::string_view name)
 std::string topic_of(vartocb *message)
 {
     std::string topic;
-    int tag = 0;
-    int count = 0;
-    int err = 0;
-    for (int more = zel_get_first_field_sort(message, &tag, &count, &err); more;
-         more = zel_get_next_field_sort(message, &tag, &count, &err)) {
-        for (int i = 0; i < count; ++i) {
-            sPChar value{};
-            zel_get_data(message, tag, i, &value, &err);
-            topic += piece(tag, text_of(value)) + ".";
-        }
-    }
+    field::visit_items_by_tag(message, [&topic](int tag, std::string_view value) {
+        topic += piece(tag, value) + ".";
+        return true;
+    });
     return topic;
 }
 
