@@ -10,6 +10,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,41 @@ struct StatusLog : CZelListener {
         seen.push_back(status);
         return 1;
     }
+};
+
+// Counts the alerts raised while it lives, from any thread.
+class AlertLog {
+public:
+    AlertLog()
+    {
+        current() = this;
+        zel_set_alert_handler(record);
+    }
+    ~AlertLog()
+    {
+        zel_set_alert_handler(nullptr);
+        current() = nullptr;
+    }
+    size_t count()
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return count_;
+    }
+
+private:
+    static AlertLog *&current()
+    {
+        static AlertLog *log = nullptr;
+        return log;
+    }
+    static void record(const char *)
+    {
+        std::lock_guard<std::mutex> guard(current()->lock_);
+        ++current()->count_;
+    }
+
+    std::mutex lock_;
+    size_t count_ = 0;
 };
 
 // A connection; the suite's own type opens it.
