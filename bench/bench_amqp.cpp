@@ -15,8 +15,6 @@
 #include <zel/zel.h>
 
 #include <amqp.h>
-#include <amqp_ssl_socket.h>
-#include <amqp_tcp_socket.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -31,6 +29,7 @@
 #include "percentiles.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
+#include "support/raw_amqp.h"
 
 namespace {
 
@@ -58,41 +57,13 @@ std::string ca()
 // The raw clients do what the engines ask of the broker, or the least.
 bool minimal = false;
 
-class Raw {
+// The raw client doing the engines' broker work, or the least of it.
+class Raw : public zel::test::RawAmqp {
 public:
-    Raw()
-    {
-        c_ = amqp_new_connection();
-        amqp_socket_t *s = nullptr;
-        if (tls) {
-            s = amqp_ssl_socket_new(c_);
-            amqp_ssl_socket_set_cacert(s, ca().c_str());
-            amqp_ssl_socket_set_verify_peer(s, 0);
-            amqp_ssl_socket_set_verify_hostname(s, 0);
-        } else {
-            s = amqp_tcp_socket_new(c_);
-        }
-        amqp_socket_open(s, "127.0.0.1", port());
-        amqp_login(c_, "/", 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, "guest", "guest");
-        amqp_channel_open(c_, 1);
-        amqp_get_rpc_reply(c_);
-        if (!minimal)
-            amqp_confirm_select(c_, 1);
-    }
-    ~Raw()
-    {
-        amqp_channel_close(c_, 1, AMQP_REPLY_SUCCESS);
-        amqp_connection_close(c_, AMQP_REPLY_SUCCESS);
-        amqp_destroy_connection(c_);
-    }
-    void listen(const char *key)
-    {
-        key = bound_key(key);
-        auto *q = amqp_queue_declare(c_, 1, amqp_empty_bytes, 0, 0, 1, 1, amqp_empty_table);
-        amqp_queue_bind(c_, 1, q->queue, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key), amqp_empty_table);
-        amqp_basic_consume(c_, 1, q->queue, amqp_empty_bytes, 0, 1, 0, amqp_empty_table);
-        amqp_get_rpc_reply(c_);
-    }
+    Raw() : RawAmqp(port(), ca(), !minimal) {}
+    // Binds as an engine's watch on the same pieces does, or as cheaply as
+    // matches keys starting with them.
+    void listen(const char *key) { RawAmqp::listen((minimal ? "" : "#.") + std::string(key) + ".#"); }
     void publish(const char *key, const std::string &body)
     {
         amqp_basic_properties_t p{};
@@ -100,48 +71,13 @@ public:
         p.content_type = amqp_cstring_bytes("zel");
         p.delivery_mode = AMQP_DELIVERY_PERSISTENT;
         p.reply_to = amqp_cstring_bytes("raw");
-        amqp_basic_publish(c_, 1, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key), !minimal, 0,
-                           minimal ? nullptr : &p, amqp_bytes_t{body.size(), const_cast<char *>(body.data())});
+        RawAmqp::publish(key, body, minimal ? nullptr : &p, !minimal);
         if (!minimal && ++published_ % 256 == 0)
             take_confirms();
     }
-    // Reads the confirms that have arrived, as a publisher must.
-    void take_confirms()
-    {
-        amqp_frame_t frame;
-        timeval no_wait{0, 0};
-        while (amqp_simple_wait_frame_noblock(c_, &frame, &no_wait) == AMQP_STATUS_OK) {
-        }
-    }
-    // The next delivery; confirms on the way are taken.
-    void next()
-    {
-        amqp_envelope_t e;
-        for (;;) {
-            amqp_maybe_release_buffers(c_);
-            amqp_rpc_reply_t r = amqp_consume_message(c_, &e, nullptr, 0);
-            if (r.reply_type == AMQP_RESPONSE_NORMAL) {
-                amqp_destroy_envelope(&e);
-                return;
-            }
-            amqp_frame_t frame;
-            if (r.reply_type != AMQP_RESPONSE_LIBRARY_EXCEPTION || r.library_error != AMQP_STATUS_UNEXPECTED_STATE ||
-                amqp_simple_wait_frame(c_, &frame) != AMQP_STATUS_OK)
-                return;
-        }
-    }
+    void next() { RawAmqp::next(); }
 
 private:
-    // The binding an engine's watch on the same pieces makes, or the
-    // cheapest one that matches keys starting with them.
-    static const char *bound_key(const char *key)
-    {
-        static std::string bound;
-        bound = (minimal ? "" : "#.") + std::string(key) + ".#";
-        return bound.c_str();
-    }
-
-    amqp_connection_state_t c_;
     long published_ = 0;
 };
 

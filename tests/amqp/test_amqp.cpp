@@ -8,7 +8,6 @@
 #include <zel/engine.h>
 
 #include <amqp.h>
-#include <amqp_tcp_socket.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -31,6 +30,7 @@
 #include "support/clients.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
+#include "support/raw_amqp.h"
 #include "support/time_factor.h"
 #include "transport/amqp/amqp_engine.h"
 
@@ -94,51 +94,15 @@ struct Client : zel::test::Connection {
     }
 };
 
-// A plain client of the broker, written on the client library directly.
-class RawPeer {
-public:
-    RawPeer()
-    {
-        connection_ = amqp_new_connection();
-        amqp_socket_t *socket = amqp_tcp_socket_new(connection_);
-        EXPECT_EQ(amqp_socket_open(socket, "127.0.0.1", broker->port()), AMQP_STATUS_OK);
-        amqp_login(connection_, "/", 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, "guest", "guest");
-        amqp_channel_open(connection_, 1);
-        EXPECT_EQ(amqp_get_rpc_reply(connection_).reply_type, AMQP_RESPONSE_NORMAL);
-    }
-    ~RawPeer()
-    {
-        amqp_channel_close(connection_, 1, AMQP_REPLY_SUCCESS);
-        amqp_connection_close(connection_, AMQP_REPLY_SUCCESS);
-        amqp_destroy_connection(connection_);
-    }
-    // Consumes everything that `key` matches on amq.topic.
-    void listen(const char *key)
-    {
-        amqp_queue_declare_ok_t *q = amqp_queue_declare(connection_, 1, amqp_empty_bytes, 0, 0, 1, 1, amqp_empty_table);
-        amqp_queue_bind(connection_, 1, q->queue, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key),
-                        amqp_empty_table);
-        amqp_basic_consume(connection_, 1, q->queue, amqp_empty_bytes, 0, 1, 0, amqp_empty_table);
-        ASSERT_EQ(amqp_get_rpc_reply(connection_).reply_type, AMQP_RESPONSE_NORMAL);
-    }
-    struct Delivery {
-        std::string routing_key, content_type, reply_to, body;
-        int delivery_mode = 0;
-    };
+// The raw client as the tests use it: plain TCP, one content type.
+struct RawPeer : zel::test::RawAmqp {
+    using Delivery = zel::test::RawAmqp::Delivery;
+    RawPeer() : RawAmqp(broker->port()) {}
     Delivery next()
     {
-        amqp_envelope_t envelope;
         timeval wait{10 * zel::test::time_factor, 0};
         Delivery d;
-        if (amqp_consume_message(connection_, &envelope, &wait, 0).reply_type != AMQP_RESPONSE_NORMAL)
-            return d;
-        auto text = [](amqp_bytes_t b) { return std::string(static_cast<char *>(b.bytes), b.len); };
-        d.routing_key = text(envelope.routing_key);
-        d.content_type = text(envelope.message.properties.content_type);
-        d.reply_to = text(envelope.message.properties.reply_to);
-        d.body = text(envelope.message.body);
-        d.delivery_mode = envelope.message.properties.delivery_mode;
-        amqp_destroy_envelope(&envelope);
+        RawAmqp::next(&wait, &d);
         return d;
     }
     void publish(const std::string &key, const std::string &body, const char *content_type)
@@ -146,12 +110,8 @@ public:
         amqp_basic_properties_t p{};
         p._flags = AMQP_BASIC_CONTENT_TYPE_FLAG;
         p.content_type = amqp_cstring_bytes(content_type);
-        amqp_basic_publish(connection_, 1, amqp_cstring_bytes("amq.topic"), amqp_cstring_bytes(key.c_str()), 0, 0,
-                           &p, amqp_bytes_t{body.size(), const_cast<char *>(body.data())});
+        RawAmqp::publish(key, body, &p);
     }
-
-private:
-    amqp_connection_state_t connection_;
 };
 
 std::string unique_name(const char *base)
