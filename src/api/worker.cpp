@@ -69,11 +69,18 @@ void CVartoWorker::reset_reconnect_delay()
     reconnect_delay_ms_ = base_delay_ms();
 }
 
-void CVartoWorker::count_idle_turn()
+long CVartoWorker::heartbeat_threshold() const
 {
     if (!heartbeat_on_.load(std::memory_order_relaxed))
+        return -1;
+    return heartbeat_period_.load(std::memory_order_relaxed) * 1000 / 60000;
+}
+
+void CVartoWorker::count_idle_turn()
+{
+    long threshold = heartbeat_threshold();
+    if (threshold < 0)
         return;
-    long threshold = heartbeat_period_.load(std::memory_order_relaxed) * 1000 / 60000;
     if (++idle_turns_ == threshold) {
         sendHeartbeat();
         idle_turns_ = 0;

@@ -83,6 +83,8 @@ protected:
     // threshold, and starts counting again. Turns with traffic are not
     // counted and do not start the count again. @locality worker thread
     void count_idle_turn();
+    // The turns between heartbeats; -1 while heartbeats are off.
+    long heartbeat_threshold() const;
 
 private:
     friend class CVartoEngine;

@@ -107,21 +107,25 @@ void TraceFile::write_group(char direction, const std::string &head)
     std::fflush(file_);
 }
 
-void TraceFile::sent_message(std::string_view exchange, std::string_view routing_key, const char *body, int32_t len)
+// The group of a message that went through an exchange.
+void TraceFile::exchange_group(char direction, std::string_view exchange, std::string_view key, const char *body,
+                               int32_t len)
 {
     if (!is_open() || !admin_text(body, len))
         return;
-    write_group('>', printf_string("%s | %.*s | %d | %.*s ", time_stamp('>').c_str(), length_of(exchange),
-                                   exchange.data(), len, length_of(routing_key), routing_key.data()));
+    write_group(direction, printf_string("%s | %.*s | %d | %.*s ", time_stamp(direction).c_str(),
+                                         length_of(exchange), exchange.data(), len, length_of(key), key.data()));
+}
+
+void TraceFile::sent_message(std::string_view exchange, std::string_view routing_key, const char *body, int32_t len)
+{
+    exchange_group('>', exchange, routing_key, body, len);
 }
 
 void TraceFile::received_message(std::string_view exchange, std::string_view routing_key, const char *body,
                                  int32_t len)
 {
-    if (!is_open() || !admin_text(body, len))
-        return;
-    write_group('<', printf_string("%s | %.*s | %d | %.*s ", time_stamp('<').c_str(), length_of(exchange),
-                                   exchange.data(), len, length_of(routing_key), routing_key.data()));
+    exchange_group('<', exchange, routing_key, body, len);
 }
 
 void TraceFile::received_data(std::string_view label, const char *body, int32_t len)

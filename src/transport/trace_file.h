@@ -42,6 +42,8 @@ private:
     // The message in `body` as admin text, in the second scratch buffer;
     // false (with the alert) when the group is not to be written at all.
     bool admin_text(const char *body, int32_t len);
+    void exchange_group(char direction, std::string_view exchange, std::string_view key, const char *body,
+                        int32_t len);
     void write_group(char direction, const std::string &head);
     static std::string time_stamp(char direction);
 

@@ -64,6 +64,7 @@ int CAmqpEngine::create_connection(std::string description, int option, std::str
     settings.certificate_path = std::move(certificate_path);
     settings.compression = option;
     settings.window = window();
+    route_by_fields_ = route_by_fields();
     worker_ = std::make_unique<CAmqpWorker>(std::move(settings));
     worker_->setMonitor(monitor);
     return start_worker(worker_.get()) ? 1 : 0;
@@ -142,7 +143,7 @@ int CAmqpEngine::sendMsg(scratchcb *message, int *err)
         *err = ZEL_DETAIL_NOT_A_MESSAGE;
         return 0;
     }
-    std::string routing_key = route_by_fields() ? zel::amqp::routing_key_of(builder_.parsed) : request_routing_key_;
+    std::string routing_key = route_by_fields_ ? zel::amqp::routing_key_of(builder_.parsed) : request_routing_key_;
     window()->count(bytes_sent, uint64_t(message->len));
     for (int counter : {data_sent, data_messages_sent, messages_sent})
         window()->count(counter);

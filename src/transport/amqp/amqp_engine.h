@@ -52,6 +52,7 @@ private:
 
     zel::RequestBuilder builder_;
     std::string request_routing_key_; // where sendMsg publishes: the last request's key
+    bool route_by_fields_ = false;    // ZEL_AMQP_ROUTE_BY_FIELDS, read when the connection opens
     std::unique_ptr<CAmqpWorker> worker_;
 };
 

@@ -272,9 +272,9 @@ void CHubworker::discard_unsent()
 
 void CHubworker::count_heartbeat_pass(int *passes)
 {
-    if (!heartbeat_enabled_.load(std::memory_order_relaxed))
+    long per_heartbeat = heartbeat_threshold();
+    if (per_heartbeat < 0)
         return;
-    long per_heartbeat = heartbeat_interval_.load(std::memory_order_relaxed) * 1000 / 60000;
     if (++*passes >= per_heartbeat) {
         sendHeartbeat();
         *passes = 0;
@@ -337,12 +337,6 @@ CHubworker::SendResult CHubworker::send(const char *message, int32_t length)
 void CHubworker::send_watch_request(const std::string &request)
 {
     sender_.queue_message(request);
-}
-
-void CHubworker::enable_heartbeat(long interval_ms)
-{
-    heartbeat_interval_.store(interval_ms, std::memory_order_relaxed);
-    heartbeat_enabled_.store(true, std::memory_order_relaxed);
 }
 
 void CHubworker::open_log(const std::string &path)

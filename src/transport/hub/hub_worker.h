@@ -44,7 +44,6 @@ public:
     // new connection gets every watch again anyway.
     void send_watch_request(const std::string &request);
 
-    void enable_heartbeat(long interval_ms);
     uint64_t sent_bytes() const { return sent_bytes_.load(std::memory_order_relaxed); }
     // Frames discarded unsent because their connection dropped.
     uint64_t discarded_frames() const { return discarded_frames_.load(std::memory_order_relaxed); }
@@ -76,8 +75,6 @@ private:
     CHubSender sender_;
     int socket_ = -1;
     std::atomic<int> closed_{1};
-    std::atomic<bool> heartbeat_enabled_{false};
-    std::atomic<long> heartbeat_interval_{50000};
     std::vector<char> received_;   // bytes read and not yet framed
     size_t received_used_ = 0;
     bool frames_waiting_ = false;  // whole frames at the front that no batch could be made for

@@ -59,7 +59,8 @@ std::string topic_of(vartocb *message)
 {
     std::string topic;
     field::visit_items_by_tag(message, [&topic](int tag, std::string_view value) {
-        topic += piece(tag, value) + ".";
+        topic += piece(tag, value);
+        topic += '.';
         return true;
     });
     return topic;
