@@ -39,8 +39,6 @@ public:
     int closeChannel(int *err) override;
     void rebind(const sWatchData &watch) override;
 
-    const CAmqpWorker *worker() const { return worker_.get(); }
-
 private:
     bool connected() const;
     // Hands a bind or unbind of `key` to the worker; false without one.

@@ -335,7 +335,6 @@ void CAmqpWorker::take_frame()
     amqp_message_t content;
     if (amqp_read_message(connection_, channel, &content, 0).reply_type == AMQP_RESPONSE_NORMAL)
         amqp_destroy_message(&content);
-    returned_.fetch_add(1, std::memory_order_relaxed);
     trace_.status("Returned", detail);
 }
 

@@ -64,8 +64,6 @@ public:
     // worker's thread talks to the broker); it then finds the connection
     // closed and recovers. @locality any thread
     void close_channel();
-    // Deliveries the broker handed back unrouted (basic.return).
-    uint64_t returned() const { return returned_.load(std::memory_order_relaxed); }
 
 private:
     int connect_and_receive();
@@ -100,7 +98,6 @@ private:
     int socket_fd_ = -1;
     amqp_bytes_t queue_ = amqp_empty_bytes;
     std::atomic<bool> recovering_{true};
-    std::atomic<uint64_t> returned_{0};
     std::atomic<bool> close_requested_{false};
     std::deque<CPublishMessage> taken_binds_;     // being sent
     std::deque<CPublishMessage> taken_publishes_; // being sent

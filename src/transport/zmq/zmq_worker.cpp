@@ -81,7 +81,6 @@ int CZmqWorker::serve()
         end_first_attempt(first_attempt_failed);
         return onError(-1, "socket open");
     }
-    recovering_.store(false, std::memory_order_release);
     report(100, "connection success");
     // A publisher takes no subscriptions: its own filters are a subscriber's.
     if (!publishes() &&
@@ -106,7 +105,6 @@ int CZmqWorker::onError(int code, const char *text)
 // The socket stays: ZeroMQ reconnects it; the timer re-enters the loop.
 int CZmqWorker::recover()
 {
-    recovering_.store(true, std::memory_order_release);
     schedule_reconnect();
     report(0, "recovery attempt failed, trying again");
     return 1;

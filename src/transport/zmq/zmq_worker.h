@@ -77,7 +77,6 @@ private:
     int socket_fd_ = -1;
     void *monitor_ = nullptr; // the socket's own event endpoint, read into the trace
     int monitor_fd_ = -1;
-    std::atomic<bool> recovering_{true};
     std::atomic<uint64_t> sent_bytes_{0};
     std::string batch_; // messages taken this turn
 };
