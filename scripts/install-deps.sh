@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   lzma-dev liblz4-dev xz-utils
   librabbitmq-dev rabbitmq-server openssl libzmq3-dev
+  libcli11-dev nlohmann-json3-dev
 )
 
 missing=()
