@@ -32,6 +32,7 @@
 #include "support/rabbitmq_broker.h"
 #include "support/raw_amqp.h"
 #include "support/time_factor.h"
+#include "support/tool_process.h"
 #include "transport/amqp/amqp_engine.h"
 
 namespace {
@@ -446,3 +447,42 @@ TEST(AmqpBroker, StoppedAndKilledBrokersAreLostThenRecoveringAndARestartBindsEve
 }
 
 } // namespace
+
+// ---- The command-line tool through the broker ----------------------------------
+
+TEST(AmqpBroker, ToolPublishesSubscribesAsksAndServes)
+{
+    using zel::test::run_tool;
+    using zel::test::ToolProcess;
+    std::string plain = "127.0.0.1:" + std::to_string(broker->port());
+    std::vector<std::string> tls = {"--amqp",   "127.0.0.1:" + std::to_string(broker->tls_port()),
+                                    "--tls-ca", broker->tls_file("ca.pem"),
+                                    "--tls-key", broker->tls_file("client.key"),
+                                    "--tls-cert", broker->tls_file("client.pem")};
+    auto over_tls = [&](std::vector<std::string> args) {
+        args.insert(args.end(), tls.begin(), tls.end());
+        return args;
+    };
+    // The tool routes by fields of its own accord.
+    ::unsetenv("ZEL_AMQP_ROUTE_BY_FIELDS");
+
+    ToolProcess sub({"sub", "--amqp", plain, "--compression", "1", "55=EURUSD", "--count", "2"});
+    ASSERT_TRUE(sub.wait_for_error_text("zel sub: ready")) << sub.err;
+    EXPECT_EQ(run_tool(over_tls({"pub", "--compression", "1", "55 1 EURUSD 44 1 1.0841"})).status, 0);
+    EXPECT_EQ(run_tool({"pub", "--amqp", plain}, "55 1 USDJPY\n55 1 EURUSD 44 1 1.5\n").status, 0);
+    EXPECT_EQ(sub.finish(), 0) << sub.err;
+    EXPECT_EQ(sub.out, "55 1 EURUSD 44 1 1.0841\n55 1 EURUSD 44 1 1.5\n");
+
+    // The reply finds its requester by the name the request carries.
+    ToolProcess serve({"serve", "quote", "--amqp", plain, "--count", "1"});
+    ASSERT_TRUE(serve.wait_for_error_text("zel serve: ready")) << serve.err;
+    auto reply = run_tool(over_tls({"req", "quote", "55 1 EURUSD", "--name", "asker"}));
+    EXPECT_EQ(reply.status, 0) << reply.err;
+    EXPECT_NE(reply.out.find(" 55 1 EURUSD 32761 1 asker\n"), std::string::npos) << reply.out;
+    EXPECT_EQ(serve.finish(), 0);
+
+    auto refused = run_tool({"pub", "--amqp", plain, "--password", "wrong", "1 1 x"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "zel: cannot connect to the broker " + plain + "\n");
+    ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
+}

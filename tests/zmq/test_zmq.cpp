@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
-#include <signal.h>
-#include <sys/wait.h>
 #include <zmq.h>
 
 #include <atomic>
@@ -21,49 +19,13 @@
 
 #include "support/clients.h"
 #include "support/messages.h"
-#include "support/zelhub_process.h"
+#include "support/zelproxy_process.h"
 
 namespace {
 
 using zel::test::build_message;
 using zel::test::pump_until;
 using zel::test::Recorder;
-
-// The forwarder, on ports it picks, stopped by its process id.
-class ZelproxyProcess {
-public:
-    ZelproxyProcess() { start({ZELPROXY_PATH, "--pub-port", "0", "--sub-port", "0"}); }
-    ~ZelproxyProcess() { stop(); }
-    // Kills it and starts it again on the same ports.
-    void restart()
-    {
-        stop();
-        start({ZELPROXY_PATH, "--pub-port", std::to_string(publishers_), "--sub-port", std::to_string(subscribers_)});
-    }
-    int publishers() const { return publishers_; }
-    int subscribers() const { return subscribers_; }
-
-private:
-    void start(std::vector<std::string> args)
-    {
-        int out = -1;
-        pid_ = zel::test::spawn_program(std::move(args), out);
-        std::string line = zel::test::first_line(out);
-        char in[64] = {}, to[64] = {};
-        if (std::sscanf(line.c_str(), "zelproxy listening on 127.0.0.1:%63s 127.0.0.1:%63s", in, to) != 2)
-            throw std::runtime_error("zelproxy did not start: " + line);
-        publishers_ = std::atoi(in);
-        subscribers_ = std::atoi(to);
-    }
-    void stop()
-    {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-
-    pid_t pid_ = -1;
-    int publishers_ = 0, subscribers_ = 0;
-};
 
 struct Client : zel::test::Connection {
     Client(const char *type, int port, const std::string &name)
@@ -87,7 +49,7 @@ void settle(Client &publisher, Recorder &sync, int round)
 
 TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
 {
-    ZelproxyProcess proxy;
+    zel::test::ZelproxyProcess proxy;
     Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
     ASSERT_EQ(subscriber.status(), ZEL_STATUS_CONNECTED);
     ASSERT_EQ(publisher.status(), ZEL_STATUS_CONNECTED);
@@ -117,7 +79,7 @@ TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
 
 TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
 {
-    ZelproxyProcess proxy;
+    zel::test::ZelproxyProcess proxy;
     Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
     Recorder sync;
     std::string trace = ::testing::TempDir() + "zmq-restart.trace";

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -38,6 +39,14 @@ struct ConnectionOptions {
 };
 
 void add_connection_options(CLI::App *command, ConnectionOptions &options);
+
+// "0.5 s", for messages to the user.
+inline std::string seconds_text(double seconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%g s", seconds);
+    return text;
+}
 
 // A subcommand: parsed by CLI11, then run by main for its exit status.
 struct Command {

@@ -156,7 +156,7 @@ void Connection::round_trip(double timeout_s)
     bool back = pump_until([&] { return marker.seen; }, timeout_s);
     engine_.removeWatch(handle, &err);
     if (!back)
-        throw Failure("the " + where_ + " did not pass a message back within " + std::to_string(int(timeout_s)) + " s");
+        throw Failure("the " + where_ + " did not pass a message back within " + seconds_text(timeout_s));
 }
 
 } // namespace zelcli

@@ -70,8 +70,7 @@ int run_req(const ReqOptions &o)
         throw Failure("the request was refused (detail " + std::to_string(err) + ")");
     if (!pump_until([&] { return catcher.line.has_value(); }, o.timeout_s))
         throw Failure(interrupted() ? "interrupted before a reply came"
-                                    : "no reply from '" + o.service + "' within " + std::to_string(int(o.timeout_s)) +
-                                          " s");
+                                    : "no reply from '" + o.service + "' within " + seconds_text(o.timeout_s));
     std::printf("%s\n", catcher.line->c_str());
     return 0;
 }
