@@ -2,7 +2,8 @@
 #include "api/batch_buffer.h"
 
 #include <algorithm>
-#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "api/alert.h"
@@ -15,7 +16,15 @@ namespace {
 
 constexpr int32_t start_waiting_at = 3001;
 constexpr int32_t stop_waiting_below = 1000;
-constexpr int max_pauses = 100;
+
+// Workers waiting for room sleep here until a freed buffer wakes them. The
+// count of waiters lets the application thread skip the lock on every other
+// free: a worker raises it before it reads the live count, and a free lowers
+// the live count before it reads the waiters, so one of the two always sees
+// the other.
+std::mutex room_lock;
+std::condition_variable room_made;
+std::atomic<int32_t> waiting_workers{0};
 // Room added beyond what an append needs, so that a run of appends to one
 // batch does not reallocate each time.
 constexpr int32_t growth_headroom = 1024;
@@ -32,7 +41,10 @@ BatchBuffer::~BatchBuffer()
     int ignored;
     if (data_)
         zel_close_scratch(&data_, &ignored);
-    live_.fetch_sub(1, std::memory_order_relaxed);
+    if (live_.fetch_sub(1) - 1 < stop_waiting_below && waiting_workers.load() > 0) {
+        std::lock_guard<std::mutex> hold(room_lock);
+        room_made.notify_all();
+    }
 }
 
 bool BatchBuffer::reserve(int32_t bytes)
@@ -76,22 +88,23 @@ void BatchBuffer::release()
     lock_.exchange(0, std::memory_order_release);
 }
 
-int wait_for_batch_room(const std::function<void()> &pause)
+bool wait_for_batch_room(std::chrono::milliseconds longest)
 {
     if (BatchBuffer::live() < start_waiting_at)
-        return 0;
-    int pauses = 0;
-    while (pauses < max_pauses) {
-        bool below = BatchBuffer::live() < stop_waiting_below;
-        if (pause)
-            pause();
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        ++pauses;
-        if (below)
-            break;
-    }
-    return pauses;
+        return true;
+    auto give_up_at = std::chrono::steady_clock::now() + longest;
+    std::unique_lock<std::mutex> hold(room_lock);
+    waiting_workers.fetch_add(1);
+    bool room = true;
+    while (room && BatchBuffer::live() >= stop_waiting_below)
+        room = room_made.wait_until(hold, give_up_at) == std::cv_status::no_timeout;
+    waiting_workers.fetch_sub(1);
+    return room;
+}
+
+int32_t workers_waiting_for_room()
+{
+    return waiting_workers.load();
 }
 
 } // namespace zel

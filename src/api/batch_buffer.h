@@ -7,8 +7,8 @@
 #include <zel/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <functional>
 
 namespace zel {
 
@@ -36,7 +36,7 @@ public:
     int32_t length() const { return data_ ? data_->len : 0; }
     int32_t messages() const { return messages_; }
 
-    static int32_t live() { return live_.load(std::memory_order_relaxed); }
+    static int32_t live() { return live_.load(); }
 
 private:
     std::atomic<int32_t> lock_{0};
@@ -46,9 +46,11 @@ private:
 };
 
 // Back-pressure before a worker makes another buffer: from 3001 live buffers
-// on, it pauses (5 ms each) until fewer than 1000 remain, at most 100 times,
-// and then goes on whatever the count. `pause` is the wait, replaceable in
-// tests. Answers how many pauses were made. @locality worker threads
-int wait_for_batch_room(const std::function<void()> &pause = {});
+// on, it waits until fewer than 1000 remain, woken by the buffer whose end
+// brings the count below, but never longer than `longest`; then it goes on
+// whatever the count. False when it gave up waiting. @locality worker threads
+bool wait_for_batch_room(std::chrono::milliseconds longest = std::chrono::milliseconds(500));
+// How many workers wait for batch room now.
+int32_t workers_waiting_for_room();
 
 } // namespace zel
