@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev
+  cmake ninja-build g++ clang libclang-rt-14-dev binutils pkgconf
   libgtest-dev libbenchmark-dev
   lzma-dev liblz4-dev xz-utils
   librabbitmq-dev rabbitmq-server openssl libzmq3-dev

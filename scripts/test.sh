@@ -10,7 +10,8 @@ bash scripts/install-deps.sh
 jobs=$(nproc)
 fuzz_seconds=${ZEL_FUZZ_SECONDS:-20}
 summary=$(mktemp)
-trap 'rm -f "$summary"' EXIT
+installed=$(mktemp -d)
+trap 'rm -rf "$summary" "$installed"' EXIT
 
 configure_and_build() {
   local dir=$1; shift
@@ -27,9 +28,35 @@ echo "== plain build"
 configure_and_build build
 run_ctest build
 
-echo "== an outside program built against include/ and -lzel alone"
-g++ -std=c++20 examples/message_example.cpp -Iinclude -Lbuild -lzel -Wl,-rpath,"$PWD/build" -o build/outside_example
-./build/outside_example
+echo "== installed: the examples built against the package, once with find_package(zel), once with pkg-config"
+cmake --install build --prefix "$installed/prefix" >/dev/null
+cmake -S examples -B "$installed/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$installed/prefix" >/dev/null
+cmake --build "$installed/cmake" -j"$jobs"
+pc_dir=$installed/prefix/lib/pkgconfig
+zel_flags=$(PKG_CONFIG_PATH=$pc_dir pkg-config --cflags --libs zel)
+zel_libdir=$(PKG_CONFIG_PATH=$pc_dir pkg-config --variable=libdir zel)
+mkdir "$installed/pkg-config"
+for source in examples/*.cpp; do
+  g++ -std=c++20 "$source" $zel_flags -Wl,-rpath,"$zel_libdir" -o "$installed/pkg-config/$(basename "$source" .cpp)"
+done
+# The examples that need no peer; the UDP one on a port of this run's own,
+# below the ephemeral range.
+for built in "$installed/cmake" "$installed/pkg-config"; do
+  "$built/message_example"
+  "$built/udp_example" $((20000 + $$ % 10000))
+done
+# The installed tool finds the installed library.
+[ "$(echo "5 1 x" | "$installed/prefix/bin/zel" conv | "$installed/prefix/bin/zel" conv)" = "5 1 x" ]
+
+echo "== the Debian package"
+cpack --config build/CPackConfig.cmake -G DEB -B "$installed/deb" >/dev/null
+contents=$(dpkg-deb --contents "$installed"/deb/zel_*.deb)
+expected=(usr/lib/libzel.so.0 usr/bin/zelhub usr/bin/zelproxy usr/bin/zel)
+for header in include/zel/*.h; do expected+=("usr/$header"); done
+for path in "${expected[@]}"; do
+  grep -qE " \./$path( |$)" <<<"$contents" || { echo "the package lacks /$path" >&2; exit 1; }
+done
+echo "$(basename "$installed"/deb/zel_*.deb): ${#expected[@]} expected files present"
 
 echo "== sanitizer build (address, undefined)"
 configure_and_build build-asan -DZEL_SANITIZE=ON -DZEL_BENCH=OFF
