@@ -14,27 +14,25 @@
 //     build/bench/bench_amqp [messages] [round-trips]
 #include <zel/zel.h>
 
-#include <amqp.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "percentiles.h"
+#include "reference/percentiles.h"
+#include "reference/raw_amqp.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
-#include "support/raw_amqp.h"
 
 namespace {
 
-using zel::bench::Percentiles;
-using zel::bench::percentiles;
+using zel::reference::BrokerWork;
+using zel::reference::Percentiles;
+using zel::reference::time_round_trips;
 
 using Clock = std::chrono::steady_clock;
 using zel::test::build_message;
@@ -52,34 +50,11 @@ std::string ca()
     return tls ? broker->tls_file("ca.pem") : "";
 }
 
-// ---- Raw client library --------------------------------------------------------
-
-// The raw clients do what the engines ask of the broker, or the least.
-bool minimal = false;
-
-// The raw client doing the engines' broker work, or the least of it.
-class Raw : public zel::test::RawAmqp {
-public:
-    Raw() : RawAmqp(port(), ca(), !minimal) {}
-    // Binds as an engine's watch on the same pieces does, or as cheaply as
-    // matches keys starting with them.
-    void listen(const char *key) { RawAmqp::listen((minimal ? "" : "#.") + std::string(key) + ".#"); }
-    void publish(const char *key, const std::string &body)
-    {
-        amqp_basic_properties_t p{};
-        p._flags = AMQP_BASIC_CONTENT_TYPE_FLAG | AMQP_BASIC_DELIVERY_MODE_FLAG | AMQP_BASIC_REPLY_TO_FLAG;
-        p.content_type = amqp_cstring_bytes("zel");
-        p.delivery_mode = AMQP_DELIVERY_PERSISTENT;
-        p.reply_to = amqp_cstring_bytes("raw");
-        RawAmqp::publish(key, body, minimal ? nullptr : &p, !minimal);
-        if (!minimal && ++published_ % 256 == 0)
-            take_confirms();
-    }
-    void next() { RawAmqp::next(); }
-
-private:
-    long published_ = 0;
-};
+// The broker as the raw clients see it.
+zel::reference::AmqpBroker raw_broker()
+{
+    return {.port = port(), .ca = ca()};
+}
 
 // ---- Engines --------------------------------------------------------------------------
 
@@ -161,37 +136,6 @@ double engine_throughput(long messages)
     return double(messages) / seconds;
 }
 
-double raw_throughput(long messages)
-{
-    Raw consumer;
-    consumer.listen("^5.x");
-    const std::string key = "^5.x.^44." + std::string(81, 'p'); // the fields' own key
-    auto start = Clock::now();
-    std::thread publisher_thread([&] {
-        Raw publisher;
-        for (long i = 0; i < messages; ++i)
-            publisher.publish(key.c_str(), hundred_bytes);
-    });
-    for (long i = 0; i < messages; ++i)
-        consumer.next();
-    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    publisher_thread.join();
-    return double(messages) / seconds;
-}
-
-template <typename Trip>
-Percentiles measure(int trips, Trip trip)
-{
-    std::vector<double> samples;
-    for (int i = 0; i < trips + trips / 10; ++i) { // the first tenth warms up
-        auto start = Clock::now();
-        trip();
-        if (i >= trips / 10)
-            samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
-    return percentiles(samples);
-}
-
 Percentiles engine_round_trips(int trips)
 {
     struct Echo : CZelReceiver {
@@ -232,7 +176,7 @@ Percentiles engine_round_trips(int trips)
     scratchcb *request = nullptr;
     int err = 0;
     zel_open_scratch(&request, 256, &err);
-    Percentiles result = measure(trips, [&] {
+    Percentiles result = time_round_trips(trips, [&] {
         std::memcpy(request->data, request_bytes.data(), request_bytes.size());
         request->len = int32_t(request_bytes.size());
         void *handle = nullptr;
@@ -244,27 +188,6 @@ Percentiles engine_round_trips(int trips)
     zel_close_scratch(&request, &err);
     done = true;
     server_thread.join();
-    return result;
-}
-
-Percentiles raw_round_trips(int trips)
-{
-    Raw pinger, ponger;
-    pinger.listen("^100.bench-client");
-    ponger.listen("^0.echo");
-    std::string body = build_message({{0, "echo"}, {44, std::string(70, 'q')}});
-    int total = trips + trips / 10;
-    std::thread echo([&] {
-        for (int i = 0; i < total; ++i) {
-            ponger.next();
-            ponger.publish("^100.bench-client", body);
-        }
-    });
-    Percentiles result = measure(trips, [&] {
-        pinger.publish("^0.echo", body);
-        pinger.next();
-    });
-    echo.join();
     return result;
 }
 
@@ -283,14 +206,21 @@ int main(int argc, char **argv)
     for (bool with_tls : {false, true}) {
         tls = with_tls;
         const char *how = tls ? "TLS" : "plain";
+        // The raw clients publish with the fields' own key, as the engines do.
+        const std::string key = "^5.x.^44." + std::string(81, 'p');
+        auto raw_rate_of = [&](BrokerWork work) {
+            return zel::reference::raw_amqp_throughput(raw_broker(), work, "^5.x", key, hundred_bytes, messages);
+        };
+        auto raw_trips_of = [&](BrokerWork work) {
+            std::string body = build_message({{0, "echo"}, {44, std::string(70, 'q')}});
+            return zel::reference::raw_amqp_round_trips(raw_broker(), work, "echo", "bench-raw", body, trips);
+        };
         double engine_rate = engine_throughput(messages);
-        double raw_rate = raw_throughput(messages);
+        double raw_rate = raw_rate_of(BrokerWork::engine);
         Percentiles engine_trip = engine_round_trips(trips);
-        Percentiles raw_trip = raw_round_trips(trips);
-        minimal = true;
-        double minimal_rate = raw_throughput(messages);
-        Percentiles minimal_trip = raw_round_trips(trips);
-        minimal = false;
+        Percentiles raw_trip = raw_trips_of(BrokerWork::engine);
+        double minimal_rate = raw_rate_of(BrokerWork::minimal);
+        Percentiles minimal_trip = raw_trips_of(BrokerWork::minimal);
         std::printf("%-5s %-46s %12.0f %12.0f %7.2f %12.0f\n", how, "throughput, 100-byte messages, msg/s",
                     engine_rate, raw_rate, engine_rate / raw_rate, minimal_rate);
         std::printf("%-5s %-46s %12.1f %12.1f %7.2f %12.1f\n", how, "round trip median, us", engine_trip.median_us,

@@ -22,70 +22,21 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "reference/percentiles.h"
+#include "reference/raw_relay.h"
 #include "support/frame_socket.h"
-#include "percentiles.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
 
 namespace {
 
-using zel::bench::Percentiles;
-using zel::bench::percentiles;
+using zel::reference::Percentiles;
+using zel::reference::RawRelay;
+using zel::reference::time_round_trips;
 
 using Clock = std::chrono::steady_clock;
 using zel::test::build_message;
-
-// Forwards every byte one client sends to every other client, unparsed.
-class RawRelay {
-public:
-    int port() const { return listener_.port(); }
-    // Takes `clients` connections, then forwards between them on a thread
-    // per client. @locality a thread of the caller's while clients connect
-    void accept(int clients)
-    {
-        for (int i = 0; i < clients; ++i)
-            peers_.push_back(std::move(*listener_.accept(std::chrono::hours(1))));
-        for (size_t i = 0; i < peers_.size(); ++i)
-            pumps_.emplace_back([this, i] { forward_from(i); });
-    }
-    ~RawRelay()
-    {
-        for (auto &p : peers_)
-            ::shutdown(p.fd(), SHUT_RDWR);
-        for (auto &t : pumps_)
-            t.join();
-    }
-
-private:
-    void forward_from(size_t from)
-    {
-        std::vector<char> buffer(1 << 16);
-        for (;;) {
-            ssize_t n = ::read(peers_[from].fd(), buffer.data(), buffer.size());
-            if (n <= 0)
-                return;
-            for (size_t to = 0; to < peers_.size(); ++to)
-                if (to != from)
-                    write_all(peers_[to].fd(), buffer.data(), size_t(n));
-        }
-    }
-    static void write_all(int fd, const char *bytes, size_t size)
-    {
-        while (size > 0) {
-            ssize_t n = ::send(fd, bytes, size, MSG_NOSIGNAL);
-            if (n <= 0)
-                return;
-            bytes += n;
-            size -= size_t(n);
-        }
-    }
-
-    zel::test::FrameListener listener_;
-    std::vector<zel::test::FrameSocket> peers_;
-    std::vector<std::thread> pumps_;
-};
 
 int status_of(CZelEngine &engine)
 {
@@ -127,10 +78,8 @@ int send(CZelEngine &engine, std::string &bytes)
 // Messages per second from a publisher engine on its own thread to a
 // subscriber engine with one watch, pumped here. `ready` runs once both are
 // connected and the watch is placed, before publishing starts.
-double throughput(int port, long messages, const std::function<void()> &before_connecting,
-                  const std::function<void(CZelEngine &, Counter &)> &ready)
+double throughput(int port, long messages, const std::function<void(CZelEngine &, Counter &)> &ready)
 {
-    before_connecting();
     CZelEngine subscriber;
     Counter counter;
     std::promise<void> go;
@@ -207,49 +156,39 @@ Percentiles engine_round_trips(int port, int trips)
     scratchcb *request = nullptr;
     int err = 0;
     zel_open_scratch(&request, 256, &err);
-    std::vector<double> samples;
-    for (int i = 0; i < trips + trips / 10; ++i) { // the first tenth warms up
+    Percentiles result = time_round_trips(trips, [&] {
         std::memcpy(request->data, request_bytes.data(), request_bytes.size());
         request->len = int32_t(request_bytes.size());
         void *handle = nullptr;
         long before = counter.replies;
-        auto start = Clock::now();
         client.addRqDontStore(&handle, request, &counter, nullptr, &err);
         while (counter.replies == before)
             zel_pump_messages(-1);
-        if (i >= trips / 10)
-            samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
+    });
     zel_close_scratch(&request, &err);
     done = true;
     server_thread.join();
-    return percentiles(samples);
+    return result;
 }
 
 // A raw frame ping-pong between two sockets through the relay.
 Percentiles raw_round_trips(int trips)
 {
     RawRelay relay;
-    std::thread accept_thread([&] { relay.accept(2); });
     auto pinger = zel::test::FrameSocket::connect_to(relay.port());
     auto ponger = zel::test::FrameSocket::connect_to(relay.port());
-    accept_thread.join();
     std::thread echo([&] {
         while (auto message = ponger.read_message())
             ponger.send_message(*message);
     });
     std::string frame = build_message({{0, "echo"}, {44, std::string(70, 'q')}});
-    std::vector<double> samples;
-    for (int i = 0; i < trips + trips / 10; ++i) {
-        auto start = Clock::now();
+    Percentiles result = time_round_trips(trips, [&] {
         pinger.send_message(frame);
         pinger.read_message();
-        if (i >= trips / 10)
-            samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
+    });
     ::shutdown(ponger.fd(), SHUT_RDWR);
     echo.join();
-    return percentiles(samples);
+    return result;
 }
 
 } // namespace
@@ -262,22 +201,18 @@ int main(int argc, char **argv)
 
     // Through the hub: the subscriber's own sync message coming back proves
     // the hub holds its watch before the publisher starts.
-    double hub_rate = throughput(
-        hub.port(), messages, [] {},
-        [](CZelEngine &subscriber, Counter &counter) {
-            std::string sync = build_message({{60000, "ready"}});
-            send(subscriber, sync);
-            while (counter.last_sync != "ready")
-                zel_pump_messages(10);
-        });
+    double hub_rate = throughput(hub.port(), messages, [](CZelEngine &subscriber, Counter &counter) {
+        std::string sync = build_message({{60000, "ready"}});
+        send(subscriber, sync);
+        while (counter.last_sync != "ready")
+            zel_pump_messages(10);
+    });
 
     double raw_rate;
     {
+        // The relay filters nothing: the watch is the subscriber's own.
         RawRelay relay;
-        std::thread accept_thread;
-        raw_rate = throughput(
-            relay.port(), messages, [&] { accept_thread = std::thread([&] { relay.accept(2); }); },
-            [&](CZelEngine &, Counter &) { accept_thread.join(); });
+        raw_rate = throughput(relay.port(), messages, [](CZelEngine &, Counter &) {});
     }
 
     Percentiles hub_trip = engine_round_trips(hub.port(), trips);

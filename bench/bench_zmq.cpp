@@ -14,7 +14,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zmq.h>
 
 #include <atomic>
 #include <chrono>
@@ -24,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "reference/raw_zmq.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
 
@@ -95,52 +95,6 @@ double engines(const Proxy &proxy, long messages)
     double rate = double(counter.messages - first) / seconds_since(start);
     done = true;
     publisher_thread.join();
-    return rate;
-}
-
-double raw(const Proxy &proxy, long messages)
-{
-    void *context = zmq_ctx_new();
-    void *sub = zmq_socket(context, ZMQ_SUB);
-    int no_limit = 0;
-    zmq_setsockopt(sub, ZMQ_RCVHWM, &no_limit, sizeof no_limit);
-    zmq_setsockopt(sub, ZMQ_SUBSCRIBE, "^5.x.", 5);
-    zmq_connect(sub, ("tcp://127.0.0.1:" + std::to_string(proxy.subscribers)).c_str());
-    std::atomic<bool> done{false};
-    std::thread publisher_thread([&] {
-        void *pub = zmq_socket(context, ZMQ_PUB);
-        zmq_setsockopt(pub, ZMQ_SNDHWM, &no_limit, sizeof no_limit);
-        zmq_connect(pub, ("tcp://127.0.0.1:" + std::to_string(proxy.publishers)).c_str());
-        while (!done) {
-            zmq_send(pub, topic.data(), topic.size(), ZMQ_SNDMORE);
-            zmq_send(pub, hundred_bytes.data(), hundred_bytes.size(), 0);
-        }
-        int linger = 0;
-        zmq_setsockopt(pub, ZMQ_LINGER, &linger, sizeof linger);
-        zmq_close(pub);
-    });
-    zmq_msg_t part;
-    zmq_msg_init(&part);
-    auto take_one = [&] {
-        int more = 1;
-        size_t size = sizeof more;
-        while (more) {
-            zmq_msg_recv(&part, sub, 0);
-            zmq_getsockopt(sub, ZMQ_RCVMORE, &more, &size);
-        }
-    };
-    take_one();
-    auto start = Clock::now();
-    for (long i = 0; i < messages; ++i)
-        take_one();
-    double rate = double(messages) / seconds_since(start);
-    done = true;
-    publisher_thread.join();
-    zmq_msg_close(&part);
-    int linger = 0;
-    zmq_setsockopt(sub, ZMQ_LINGER, &linger, sizeof linger);
-    zmq_close(sub);
-    zmq_ctx_term(context);
     return rate;
 }
 
@@ -220,7 +174,9 @@ int main(int argc, char **argv)
     long datagrams = argc > 2 ? std::atol(argv[2]) : 200000;
     Proxy proxy;
     double engine_rate = engines(proxy, messages);
-    double raw_rate = raw(proxy, messages);
+    auto at = [](int port) { return "tcp://127.0.0.1:" + std::to_string(port); };
+    double raw_rate = zel::reference::raw_zmq_throughput(at(proxy.publishers), at(proxy.subscribers), "^5.x.", topic,
+                                                         hundred_bytes, messages, 30000);
     double facade_rate = facade_datagrams(datagrams);
     double recv_rate = raw_datagrams(datagrams);
     std::printf("%-52s %12s %12s %7s\n", "", "zel", "raw", "ratio");

@@ -27,10 +27,10 @@
 #include <vector>
 
 #include "api/receive_window.h"
+#include "reference/raw_amqp.h"
 #include "support/clients.h"
 #include "support/messages.h"
 #include "support/rabbitmq_broker.h"
-#include "support/raw_amqp.h"
 #include "support/time_factor.h"
 #include "support/tool_process.h"
 #include "transport/amqp/amqp_engine.h"
@@ -96,9 +96,9 @@ struct Client : zel::test::Connection {
 };
 
 // The raw client as the tests use it: plain TCP, one content type.
-struct RawPeer : zel::test::RawAmqp {
-    using Delivery = zel::test::RawAmqp::Delivery;
-    RawPeer() : RawAmqp(broker->port()) {}
+struct RawPeer : zel::reference::RawAmqp {
+    using Delivery = zel::reference::RawAmqp::Delivery;
+    RawPeer() : RawAmqp({.port = broker->port()}) {}
     Delivery next()
     {
         timeval wait{10 * zel::test::time_factor, 0};

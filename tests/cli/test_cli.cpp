@@ -62,6 +62,16 @@ TEST(Tool, SubscribesPublishesAsksAndServesThroughTheHub)
     EXPECT_NE(serve.out.find("0 1 quote 55 1 EURUSD 7 1 x 7 1 y 32760 1 "), std::string::npos) << serve.out;
 }
 
+TEST(Tool, MeasuresTheHubBesideARawRelay)
+{
+    zel::test::ZelhubProcess hub;
+    for (const char *kind : {"pubsub", "reqrep"}) {
+        auto run = run_tool({"bench", kind, "--count", "200", "--hub", hub_at(hub)});
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.out.find("ratio"), std::string::npos) << run.out;
+    }
+}
+
 TEST(Tool, PublishesAndSubscribesThroughTheForwarder)
 {
     zel::test::ZelproxyProcess proxy;

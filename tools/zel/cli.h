@@ -66,5 +66,6 @@ Command add_serve(CLI::App &zel);
 Command add_conv(CLI::App &zel);
 Command add_addrbk(CLI::App &zel);
 Command add_status(CLI::App &zel);
+Command add_bench(CLI::App &zel);
 
 } // namespace zelcli

@@ -38,6 +38,20 @@ Endpoint parse_endpoint(const std::string &text, const std::string &option)
     throw UsageError(option + " wants HOST:PORT, not '" + text + "'");
 }
 
+Transport transport_of(const ConnectionOptions &o)
+{
+    int transports = !o.hub.empty() + !o.amqp.empty() + (!o.zmq_sub.empty() || !o.zmq_pub.empty());
+    if (transports != 1)
+        throw UsageError("give one of --hub, --amqp, or --zmq-sub/--zmq-pub");
+    return !o.hub.empty() ? Transport::hub : !o.amqp.empty() ? Transport::amqp : Transport::zmq;
+}
+
+void refuse_zmq(const ConnectionOptions &o)
+{
+    if (!o.zmq_sub.empty() || !o.zmq_pub.empty())
+        throw UsageError("requests and replies need --hub or --amqp: over ZeroMQ a reply has no way back");
+}
+
 void add_connection_options(CLI::App *command, ConnectionOptions &o)
 {
     const char *group = "Connection";
@@ -76,19 +90,15 @@ void add_connection_options(CLI::App *command, ConnectionOptions &o)
 
 Connection::Connection(const ConnectionOptions &o, Use use, CZelListener *listener)
 {
-    int transports = !o.hub.empty() + !o.amqp.empty() + (!o.zmq_sub.empty() || !o.zmq_pub.empty());
-    if (transports != 1)
-        throw UsageError("give one of --hub, --amqp, or --zmq-sub/--zmq-pub");
+    kind_ = transport_of(o);
     name_ = o.name.empty() ? "zel-" + std::to_string(::getpid()) : o.name;
     if (name_.find('@') != std::string::npos)
         throw UsageError("--name may not hold '@'");
 
     std::string option, address, type;
-    if (!o.hub.empty()) {
-        kind_ = Kind::hub;
+    if (kind_ == Transport::hub) {
         option = "--hub", address = o.hub, type = "hub";
-    } else if (!o.amqp.empty()) {
-        kind_ = Kind::amqp;
+    } else if (kind_ == Transport::amqp) {
         option = "--amqp", address = o.amqp, type = o.vhost;
         if (o.tls_key.empty() != o.tls_cert.empty())
             throw UsageError("--tls-key and --tls-cert go together");
@@ -97,7 +107,6 @@ Connection::Connection(const ConnectionOptions &o, Use use, CZelListener *listen
         // the environment wins.
         ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 0);
     } else {
-        kind_ = Kind::zmq;
         bool sub = use == Use::receive || (use == Use::either && !o.zmq_sub.empty());
         option = sub ? "--zmq-sub" : "--zmq-pub";
         address = sub ? o.zmq_sub : o.zmq_pub;
@@ -106,7 +115,7 @@ Connection::Connection(const ConnectionOptions &o, Use use, CZelListener *listen
             throw UsageError("this subcommand over ZeroMQ needs " + option);
     }
     Endpoint at = parse_endpoint(address, option);
-    where_ = (kind_ == Kind::hub ? "hub " : kind_ == Kind::amqp ? "broker " : "ZeroMQ forwarder ") + address;
+    where_ = (kind_ == Transport::hub ? "hub " : kind_ == Transport::amqp ? "broker " : "ZeroMQ forwarder ") + address;
 
     int err = 0;
     engine_.create_connection(at.port, at.host, type, o.user, o.password, o.exchange, name_, o.compression, o.tls_ca,

@@ -12,6 +12,23 @@
 
 namespace zelcli {
 
+// The fields by which a reply finds its request: the reply's mark, the
+// request's number (set by the engine), and over AMQP the requester's client
+// name, which the reply hands back so that the broker routes it by that
+// name.
+constexpr int reply_mark_tag = 32767;
+constexpr int request_number_tag = 32760;
+constexpr int requester_tag = 32761;
+
+enum class Transport { hub, amqp, zmq };
+
+// The one transport the options name; UsageError when they name none or
+// several.
+Transport transport_of(const ConnectionOptions &options);
+
+// UsageError when ZeroMQ is named: a reply has no way back to its requester.
+void refuse_zmq(const ConnectionOptions &options);
+
 class Connection {
 public:
     // What a ZeroMQ run needs: its SUB socket, its PUB socket, or whichever
@@ -27,9 +44,9 @@ public:
     const std::string &client_name() const { return name_; }
     // "hub 127.0.0.1:5000", for messages to the user.
     const std::string &where() const { return where_; }
-    bool is_amqp() const { return kind_ == Kind::amqp; }
+    bool is_amqp() const { return kind_ == Transport::amqp; }
     // ZeroMQ has no way back to the sender: no round trips, no replies.
-    bool is_zmq() const { return kind_ == Kind::zmq; }
+    bool is_zmq() const { return kind_ == Transport::zmq; }
 
     int status();
     // Sends one message, waiting while the send queue is full; Failure when
@@ -41,10 +58,8 @@ public:
     void round_trip(double timeout_s);
 
 private:
-    enum class Kind { hub, amqp, zmq };
-
     CZelEngine engine_;
-    Kind kind_ = Kind::hub;
+    Transport kind_ = Transport::hub;
     std::string name_, where_;
     MessageText text_;
 };

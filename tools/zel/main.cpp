@@ -44,8 +44,8 @@ int main(int argc, char **argv)
     CLI::App zel("Publish, subscribe, ask, serve, convert and measure over the hub, AMQP or ZeroMQ.", "zel");
     zel.require_subcommand(1);
     zel.set_version_flag("--version", "zel 0.1.0");
-    std::vector<Command> commands = {add_sub(zel),  add_pub(zel),    add_req(zel),   add_serve(zel),
-                                     add_conv(zel), add_addrbk(zel), add_status(zel)};
+    std::vector<Command> commands = {add_sub(zel),    add_pub(zel),    add_req(zel),    add_serve(zel),
+                                     add_conv(zel),   add_addrbk(zel), add_status(zel), add_bench(zel)};
     try {
         zel.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {

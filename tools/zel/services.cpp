@@ -18,18 +18,6 @@ namespace zelcli {
 
 namespace {
 
-constexpr int reply_mark_tag = 32767;
-constexpr int request_number_tag = 32760;
-// Over AMQP a reply finds its requester by the requester's client name in one
-// of its fields: zel req puts it here and zel serve hands it back.
-constexpr int requester_tag = 32761;
-
-void refuse_zmq(const ConnectionOptions &o)
-{
-    if (!o.zmq_sub.empty() || !o.zmq_pub.empty())
-        throw UsageError("requests and replies need --hub or --amqp: over ZeroMQ a reply has no way back");
-}
-
 struct ReqOptions {
     ConnectionOptions connection;
     std::string service;
