@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "reference/raw_zmq.h"
+#include "support/ports.h"
 #include "support/messages.h"
 #include "support/zelhub_process.h"
 
@@ -100,18 +101,6 @@ double engines(const Proxy &proxy, long messages)
 
 // ---- Datagrams ----------------------------------------------------------------------
 
-int bound_udp_socket(int *port)
-{
-    int s = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof a;
-    ::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
-    *port = ntohs(a.sin_port);
-    return s;
-}
 
 // Sends 8-byte datagrams to `port` until told to stop.
 std::thread flood(int port, std::atomic<bool> &done)
@@ -130,8 +119,7 @@ std::thread flood(int port, std::atomic<bool> &done)
 
 double facade_datagrams(long datagrams)
 {
-    int port = 0;
-    ::close(bound_udp_socket(&port));
+    int port = zel::test::free_loopback_port(SOCK_DGRAM);
     Counter counter;
     CUdpFacade::getInstance().init("", "", "127.0.0.1:" + std::to_string(port), &counter);
     std::atomic<bool> done{false};
@@ -151,7 +139,7 @@ double facade_datagrams(long datagrams)
 double raw_datagrams(long datagrams)
 {
     int port = 0;
-    int s = bound_udp_socket(&port);
+    int s = zel::test::bound_loopback_socket(SOCK_DGRAM, &port);
     std::atomic<bool> done{false};
     std::thread sender = flood(port, done);
     char buffer[8];

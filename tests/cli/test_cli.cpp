@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "support/ports.h"
 #include "support/tool_process.h"
 #include "support/zelhub_process.h"
 #include "support/zelproxy_process.h"
@@ -113,23 +114,10 @@ TEST(Tool, ConvertsTextToRecordsAndBack)
     EXPECT_NE(bad_line.err.find("line 2 "), std::string::npos) << bad_line.err;
 }
 
-// A loopback port that nothing listens on.
-int closed_port()
-{
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof a;
-    ::bind(fd, reinterpret_cast<sockaddr *>(&a), size);
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &size);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
 
 TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
 {
-    std::string hub = "127.0.0.1:" + std::to_string(closed_port());
+    std::string hub = "127.0.0.1:" + std::to_string(zel::test::free_loopback_port());
     struct Case {
         std::vector<std::string> args;
         int status;

@@ -18,13 +18,16 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/ports.h"
+
 namespace zel::test {
 
 class RabbitBroker {
 public:
     RabbitBroker()
         : dir_(std::filesystem::temp_directory_path() / ("zel-rabbitmq-" + std::to_string(::getpid()))),
-          port_(free_port()), tls_port_(free_port()), dist_port_(free_port()), epmd_port_(free_port())
+          port_(free_loopback_port()), tls_port_(free_loopback_port()), dist_port_(free_loopback_port()),
+          epmd_port_(free_loopback_port())
     {
         start();
     }
@@ -102,19 +105,6 @@ private:
     }
 
     // A port nobody listens on now, found by binding port 0 and letting go.
-    static int free_port()
-    {
-        int s = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof a;
-        if (::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-            ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &size) != 0)
-            throw std::runtime_error("no free port");
-        ::close(s);
-        return ntohs(a.sin_port);
-    }
 
     std::filesystem::path dir_;
     int port_, tls_port_, dist_port_, epmd_port_;

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "support/time_factor.h"
+#include "support/zelhub_process.h"
 
 namespace zel::test {
 
@@ -29,18 +29,12 @@ public:
             throw std::runtime_error("pipe");
         pid_ = ::fork();
         if (pid_ == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::dup2(in[0], STDIN_FILENO);
             ::dup2(out[1], STDOUT_FILENO);
             ::dup2(err[1], STDERR_FILENO);
             for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]})
                 ::close(fd);
-            std::vector<char *> argv;
-            for (auto &a : args)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
+            run_in_child(args);
         }
         ::close(in[0]);
         ::close(out[1]);

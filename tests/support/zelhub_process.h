@@ -18,6 +18,21 @@
 
 namespace zel::test {
 
+// In a forked child: runs the program args[0] with the rest as its
+// arguments, tied to the test's life. A test that crashes must not leave its
+// child behind, holding the test's output pipe open and a later run waiting
+// on it.
+[[noreturn]] inline void run_in_child(std::vector<std::string> &args)
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+}
+
 // Starts the program args[0] with the rest as its arguments; `out` gets the
 // reading end of its standard output. A `quiet` program's complaints go
 // nowhere.
@@ -28,20 +43,12 @@ inline pid_t spawn_program(std::vector<std::string> args, int &out, bool quiet =
         throw std::runtime_error("pipe");
     pid_t pid = ::fork();
     if (pid == 0) {
-        // A test that crashes must not leave its child behind, holding the
-        // test's output pipe open and a later run waiting on it.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(ends[1], STDOUT_FILENO);
         if (quiet)
             ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
         ::close(ends[0]);
         ::close(ends[1]);
-        std::vector<char *> argv;
-        for (auto &a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
+        run_in_child(args);
     }
     ::close(ends[1]);
     out = ends[0];

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/clients.h"
+#include "support/ports.h"
 
 namespace {
 
@@ -35,19 +36,6 @@ struct Datagrams : CZelReceiver {
     int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
 };
 
-// A loopback port nobody uses now.
-int free_udp_port()
-{
-    int s = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof a;
-    ::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
-    ::close(s);
-    return ntohs(a.sin_port);
-}
 
 void send_datagram(int port, const std::string &bytes)
 {
@@ -72,7 +60,7 @@ TEST(Udp, NotifyWithoutInitCallsNothing)
 TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
 {
     Datagrams receiver;
-    int port = free_udp_port();
+    int port = zel::test::free_loopback_port(SOCK_DGRAM);
     CUdpFacade &udp = CUdpFacade::getInstance();
     ASSERT_EQ(udp.init("", "", "127.0.0.1:" + std::to_string(port), &receiver), 1);
     send_datagram(port, "0123456789abcdefghij"); // 20 bytes
@@ -102,7 +90,7 @@ namespace {
 // one more datagram.
 TEST(Udp, AProcessThatUsedTheFacadeExitsPromptly)
 {
-    int port = free_udp_port();
+    int port = zel::test::free_loopback_port(SOCK_DGRAM);
     pid_t child = ::fork();
     if (child == 0) {
         Datagrams receiver;

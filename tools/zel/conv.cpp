@@ -99,17 +99,11 @@ void to_binary(const std::string &data, Output &out)
 {
     MessageText text;
     std::istringstream lines(data);
-    uint64_t number = 0;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#')
-            continue;
-        scratchcb *message = text.from_admin(line);
-        if (!message)
-            throw Failure("line " + std::to_string(number) + " is not admin text ('tag count value ...'); "
-                          "the lines before it are converted");
-        out.write(message->data, size_t(message->len));
-    }
+    uint64_t bad_line = for_each_admin_line(
+        lines, text, [] { return true; }, [&](scratchcb *message) { out.write(message->data, size_t(message->len)); });
+    if (bad_line)
+        throw Failure("line " + std::to_string(bad_line) + " is not admin text ('tag count value ...'); "
+                      "the lines before it are converted");
 }
 
 int run_conv(const ConvOptions &o)

@@ -118,6 +118,22 @@ std::string json(const vartocb *message)
     return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
+uint64_t for_each_admin_line(std::istream &in, MessageText &text, const std::function<bool()> &more,
+                             const std::function<void(scratchcb *)> &use)
+{
+    uint64_t number = 0;
+    for (std::string line; more() && std::getline(in, line);) {
+        ++number;
+        if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#')
+            continue;
+        scratchcb *message = text.from_admin(line);
+        if (!message)
+            return number;
+        use(message);
+    }
+    return 0;
+}
+
 std::string joined(const std::vector<std::string> &words)
 {
     std::string out;

@@ -4,6 +4,8 @@
 
 #include <zel/zel.h>
 
+#include <functional>
+#include <istream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,6 +51,13 @@ std::string json(const vartocb *message);
 // Every item of `message` as (tag, value), in the order the message holds
 // its fields.
 Fields fields_of(const vartocb *message);
+
+// Reads one message of admin text per line of `in` while `more` answers
+// true, skipping blank lines and lines that start with '#', and hands each
+// message to `use`. Answers 0, or the number of the first line that is not
+// admin text (where it stopped).
+uint64_t for_each_admin_line(std::istream &in, MessageText &text, const std::function<bool()> &more,
+                             const std::function<void(scratchcb *)> &use);
 
 // Admin text given as several arguments, joined by blanks.
 std::string joined(const std::vector<std::string> &words);

@@ -70,20 +70,16 @@ int run_pub(const PubOptions &o)
             progress.add();
         }
     } else {
-        uint64_t limit = o.count_given ? o.count : 0, line_number = 0;
-        for (std::string line; (limit == 0 || progress.count() < limit) && !interrupted() && std::getline(std::cin, line);) {
-            ++line_number;
-            if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#')
-                continue;
-            scratchcb *message = text.from_admin(line);
-            if (!message) {
-                failure = "line " + std::to_string(line_number) + " is not admin text; sent the lines before it";
-                break;
-            }
-            pacer.wait_turn(progress.count());
-            connection.send(message);
-            progress.add();
-        }
+        uint64_t limit = o.count_given ? o.count : 0;
+        uint64_t bad_line = for_each_admin_line(
+            std::cin, text, [&] { return (limit == 0 || progress.count() < limit) && !interrupted(); },
+            [&](scratchcb *message) {
+                pacer.wait_turn(progress.count());
+                connection.send(message);
+                progress.add();
+            });
+        if (bad_line)
+            failure = "line " + std::to_string(bad_line) + " is not admin text; sent the lines before it";
     }
     if (connection.is_zmq())
         settle_zmq(o.settle_ms);
