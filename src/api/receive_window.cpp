@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstring>
 #include <list>
 
 #include "api/alert.h"
@@ -69,19 +68,12 @@ private:
     std::vector<CZelReceiver *> more_;
 };
 
-bool matches(const sWatchData &watch, const vartocb *msg)
+zel::WatchKeys keys_of(const sWatchData &watch)
 {
-    for (size_t k = 0; k < watch.tags.size(); ++k) {
-        // A watch's tags were valid to build its subscribe request with.
-        const sVartoItem *item = zel::field::first_item(msg, watch.tags[k]);
-        if (!item)
-            return false;
-        const std::string &wanted = watch.values[k];
-        if (!wanted.empty() &&
-            (size_t(item->len) != wanted.size() || std::memcmp(item->data, wanted.data(), wanted.size()) != 0))
-            return false;
-    }
-    return true;
+    zel::WatchKeys keys;
+    for (size_t k = 0; k < watch.tags.size(); ++k)
+        keys.push_back({watch.tags[k], watch.values[k]});
+    return keys;
 }
 
 // The parse block for one dispatch: the window's own, or a fresh one when a
@@ -148,10 +140,6 @@ CIntRxWnd::CIntRxWnd() : monitor_(*this)
 CIntRxWnd::~CIntRxWnd()
 {
     int err;
-    for (sWatchData *watch : watches_)
-        delete watch;
-    for (sAddWatchData *request : pending_)
-        delete request;
     if (services_)
         zel_hash_close(&services_, &err);
     if (parsed_)
@@ -259,26 +247,30 @@ void CIntRxWnd::dispatch_one(vartocb *msg)
 
 void CIntRxWnd::complete_reply(vartocb *msg)
 {
-    sAddWatchData *request = nullptr;
+    std::unique_ptr<sAddWatchData> request;
     zel::field::take_request_number_last_first(msg, reply_numbers_, [&](const sVartoItem &item) {
         uint64_t number = 0;
         if (!parse_request_number(item, &number))
             return false;
-        auto found = std::find_if(pending_.rbegin(), pending_.rend(),
-                                  [number](const sAddWatchData *r) { return r->request_number == number; });
-        if (found == pending_.rend())
+        auto waiting = pending_.find(number);
+        if (waiting == pending_.end())
             return false;
-        request = *found;
-        pending_.erase(std::next(found).base());
+        // The newest request with the number: where the number is the
+        // receiver's address, a receiver's replies complete its requests
+        // newest first.
+        request = std::move(waiting->second.back());
+        waiting->second.pop_back();
+        if (waiting->second.empty())
+            pending_.erase(waiting);
         return true;
     });
     if (!request)
         return;
     if (CZelReceiver::isRegistered(request->receiver)) {
         int err = 0;
-        call_receiver([&] { request->receiver->processReply(msg, ZEL_KIND_REPLY, request, request->context, &err); });
+        call_receiver(
+            [&] { request->receiver->processReply(msg, ZEL_KIND_REPLY, request.get(), request->context, &err); });
     }
-    delete request;
 }
 
 void CIntRxWnd::serve_request(vartocb *msg)
@@ -297,13 +289,15 @@ void CIntRxWnd::serve_request(vartocb *msg)
 void CIntRxWnd::match_watches(vartocb *msg)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    ++dispatch_depth_;
     CalledOnce called;
     // Newest first. Watches added by a receiver during the walk wait for the
-    // next message; removed ones leave a null behind until the walk ends.
-    for (size_t i = watches_.size(); i-- > 0;) {
-        sWatchData *watch = watches_[i];
-        if (!watch || !watch->receiver || called.contains(watch->receiver) || !matches(*watch, msg))
+    // next message; removed ones stay in the walk's list, marked and emptied.
+    Watches::Walk walk(watches_, msg);
+    for (Watches::Watch *filed : walk.found()) {
+        if (filed->removed())
+            continue;
+        sWatchData *watch = filed->payload.get();
+        if (!watch->receiver || called.contains(watch->receiver))
             continue;
         CZelReceiver *receiver = watch->receiver;
         called.add(receiver);
@@ -314,8 +308,6 @@ void CIntRxWnd::match_watches(vartocb *msg)
         if (orphaned_)
             break;
     }
-    if (--dispatch_depth_ == 0)
-        compact_watches();
 }
 
 // ---- Tables -------------------------------------------------------------
@@ -323,51 +315,54 @@ void CIntRxWnd::match_watches(vartocb *msg)
 void CIntRxWnd::add_watch(sWatchData *watch)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    watches_.push_back(watch);
+    filed_[watch] = watches_.add(keys_of(*watch), std::unique_ptr<sWatchData>(watch));
     count(active_watches);
 }
 
 int CIntRxWnd::remove_watches(const std::function<bool(const sWatchData &)> &match, const WatchVisit &on_removed)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    int removed = 0;
-    for (size_t i = watches_.size(); i-- > 0;) {
-        sWatchData *watch = watches_[i];
-        if (!watch || !match(*watch))
-            continue;
-        watches_[i] = nullptr;
-        if (on_removed)
-            on_removed(*watch);
-        delete watch;
-        meters_[active_watches].fetch_sub(1, std::memory_order_relaxed);
-        ++removed;
-    }
-    if (dispatch_depth_ == 0)
-        compact_watches();
-    return removed;
+    std::vector<Watches::Watch *> picked; // newest first
+    watches_.for_each_newest_first([&](Watches::Watch &filed) {
+        if (match(*filed.payload))
+            picked.push_back(&filed);
+    });
+    for (Watches::Watch *filed : picked)
+        remove_filed(filed, on_removed);
+    return int(picked.size());
 }
 
 bool CIntRxWnd::remove_watch(sWatchData *watch, const WatchVisit &on_removed)
 {
-    return watch && remove_watches([watch](const sWatchData &w) { return &w == watch; }, on_removed) > 0;
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    auto found = filed_.find(watch);
+    if (found == filed_.end())
+        return false;
+    remove_filed(found->second, on_removed);
+    return true;
+}
+
+// The watch leaves the table before `on_removed` sees it, and is freed after.
+// @locks lock_ MUST be held
+void CIntRxWnd::remove_filed(Watches::Watch *filed, const WatchVisit &on_removed)
+{
+    std::unique_ptr<sWatchData> watch = std::move(filed->payload);
+    filed_.erase(watch.get());
+    watches_.remove(filed);
+    if (on_removed)
+        on_removed(*watch);
+    meters_[active_watches].fetch_sub(1, std::memory_order_relaxed);
 }
 
 void CIntRxWnd::for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    for (size_t i = watches_.size(); i-- > 0;)
-        if (watches_[i])
-            visit(*watches_[i]);
-}
-
-void CIntRxWnd::compact_watches()
-{
-    watches_.erase(std::remove(watches_.begin(), watches_.end(), nullptr), watches_.end());
+    watches_.for_each_newest_first([&](Watches::Watch &filed) { visit(*filed.payload); });
 }
 
 void CIntRxWnd::add_pending(sAddWatchData *request)
 {
-    pending_.push_back(request);
+    pending_[request->request_number].emplace_back(request);
 }
 
 bool CIntRxWnd::register_service(const sPChar &name, CZelReceiver *receiver, int *err)

@@ -9,12 +9,15 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "api/connection_monitor.h"
 #include "api/message_queue.h"
+#include "api/watch_index.h"
 
 namespace zel {
 class BatchBuffer;
@@ -67,7 +70,7 @@ public:
     // Calls `visit` for every live watch, newest first, under the lock.
     void for_each_watch_newest_first(const std::function<void(sWatchData &)> &visit);
 
-    // Requests waiting for replies; the table owns them.
+    // Requests waiting for replies; the table owns them until their reply.
     void add_pending(sAddWatchData *request);
     // Services by name: a request naming one calls its receiver.
     bool register_service(const sPChar &name, CZelReceiver *receiver, int *err);
@@ -97,12 +100,14 @@ public:
     uint32_t delivered() const { return delivered_; }
 
 private:
+    using Watches = zel::WatchIndex<std::unique_ptr<sWatchData>>;
+
     void handle_message(uint32_t message, intptr_t lparam);
     void dispatch_one(vartocb *msg);
     void complete_reply(vartocb *msg);
     void serve_request(vartocb *msg);
     void match_watches(vartocb *msg);
-    void compact_watches();
+    void remove_filed(Watches::Watch *filed, const WatchVisit &on_removed);
 
     CVartoSpy monitor_;
     int (*callback_)(char *) = nullptr;
@@ -116,9 +121,10 @@ private:
     void *services_ = nullptr;                   // name -> CZelReceiver*
     std::atomic<uint64_t> meters_[21] = {};
     std::recursive_mutex lock_;
-    std::vector<sWatchData *> watches_;          // null: removed during a dispatch
-    int dispatch_depth_ = 0;                     // guarded by lock_
-    std::vector<sAddWatchData *> pending_;
+    Watches watches_;                                        // guarded by lock_
+    std::unordered_map<const sWatchData *, Watches::Watch *> filed_; // by handle; guarded by lock_
+    // By request number; a number's requests oldest first.
+    std::unordered_map<uint64_t, std::vector<std::unique_ptr<sAddWatchData>>> pending_;
     std::vector<const sVartoItem *> reply_numbers_; // of the reply in hand
     std::list<std::string> service_names_;       // the service table's keys
     bool parsing_ = false;                        // parsed_ is in use

@@ -200,6 +200,20 @@ TEST_F(Delivery, RequestsGoToTheirServiceAndRepliesToTheirLiveRequestLastNumberF
     EXPECT_TRUE(alerts.empty());
 }
 
+// On the hub a request's number is its receiver's address, so that one
+// receiver's requests share it: each reply completes the newest still waiting.
+TEST_F(Delivery, RepliesToASharedNumberCompleteItsRequestsNewestFirstEachOnce)
+{
+    Recv req("req");
+    auto *older = new sAddWatchData{5, &req, nullptr}, *newer = new sAddWatchData{5, &req, nullptr};
+    window.add_pending(older);
+    window.add_pending(newer);
+    deliver(reply("5") + reply("5") + reply("5"), 3);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].item, newer);
+    EXPECT_EQ(calls[1].item, older);
+}
+
 // Receivers that, mid-dispatch, remove watches, destroy themselves or
 // another receiver, or throw: the walk goes on past them.
 TEST_F(Delivery, AReceiverMayRemoveWatchesDestroyItselfOrAnotherOrThrowAndDispatchGoesOn)

@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "containers/text_map.h"
 #include "subscriptions.h"
-#include "text_map.h"
 
 namespace zelhub {
 
@@ -44,7 +44,7 @@ private:
         Request *oldest = nullptr, *newest = nullptr;
         int size = 0;
     };
-    using Waiting = TextMap<Queue>;
+    using Waiting = zel::TextMap<Queue>;
     struct Request {
         Links by_number, by_client;
         Waiting::value_type *number;

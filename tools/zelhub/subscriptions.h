@@ -1,36 +1,23 @@
 // Every client's subscriptions, and which clients a data message goes to.
 //
-// A subscription is a list of keys (tag, value): it matches a message that has
-// every key's field with, for a non-empty key value, exactly that value as
-// the field's first value. An empty key value accepts any value.
-//
-// So that a message only looks at subscriptions that could match it, each
-// subscription is filed under one anchor key: its first key with a value,
-// found by that value, or its first key when all are "any value". A message
-// visits the anchors of the tags it carries, and a client taken once for a
-// message is not tested again.
+// A subscription is a list of keys (tag, value). The library's watch index
+// holds them and matches them by the rule the clients' own watches follow,
+// so that a client and its hub never disagree on what matches. A client
+// taken once for a message is not taken again.
 #pragma once
 
 #include <zel/message.h>
 
 #include <cstdint>
-#include <memory>
-#include <string>
-#include <unordered_map>
 #include <vector>
 
-#include "text_map.h"
+#include "api/watch_index.h"
 
 namespace zelhub {
 
 using ClientId = int;
 
-struct Key {
-    int tag;
-    std::string value; // empty: any value, but the field must be there
-    bool operator==(const Key &) const = default;
-};
-using KeyList = std::vector<Key>;
+using KeyList = zel::WatchKeys;
 
 class Subscriptions {
 public:
@@ -47,27 +34,10 @@ public:
     void match(const vartocb *m, std::vector<ClientId> &clients);
 
 private:
-    struct Subscription {
-        ClientId client;
-        KeyList keys;
-        size_t anchor; // index in keys; keys.size() when there are none
-    };
-    using Shelf = std::vector<const Subscription *>;
-    struct Anchor {
-        TextMap<Shelf> by_value;
-        Shelf any_value;
-        bool empty() const { return by_value.empty() && any_value.empty(); }
-    };
+    using Index = zel::WatchIndex<ClientId>;
 
-    Shelf &shelf_for(const Subscription &s);
-    void unshelve(const Subscription &s);
-    void visit_anchor(int tag, const Anchor &anchor, const vartocb *m, std::vector<ClientId> &clients);
-    void offer(const Shelf &shelf, const vartocb *m, std::vector<ClientId> &clients);
-    static bool matches(const Subscription &s, const vartocb *m);
-
-    std::unordered_map<int, Anchor> anchors_;           // by anchor tag
-    Shelf unconditional_;                               // no keys: every data message
-    std::vector<std::vector<std::unique_ptr<Subscription>>> of_client_;
+    Index index_;
+    std::vector<std::vector<Index::Watch *>> of_client_;
     // The message a client was last taken for, to take it only once.
     std::vector<uint64_t> taken_for_;
     uint64_t message_serial_ = 0;

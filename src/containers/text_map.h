@@ -7,7 +7,7 @@
 #include <string_view>
 #include <unordered_map>
 
-namespace zelhub {
+namespace zel {
 
 struct TextHash {
     using is_transparent = void;
@@ -17,4 +17,4 @@ struct TextHash {
 template <typename Value>
 using TextMap = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
 
-} // namespace zelhub
+} // namespace zel
