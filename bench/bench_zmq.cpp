@@ -10,9 +10,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,7 +24,7 @@
 #include "reference/raw_zmq.h"
 #include "support/ports.h"
 #include "support/messages.h"
-#include "support/zelhub_process.h"
+#include "support/zelproxy_process.h"
 
 namespace {
 
@@ -35,23 +33,6 @@ using zel::test::build_message;
 
 const std::string hundred_bytes = build_message({{5, "x"}, {44, std::string(81, 'p')}});
 const std::string topic = "^5.x.^44." + std::string(81, 'p') + ".";
-
-struct Proxy {
-    pid_t pid;
-    int publishers = 0, subscribers = 0;
-    Proxy()
-    {
-        int out = -1;
-        pid = zel::test::spawn_program({ZELPROXY_PATH, "--pub-port", "0", "--sub-port", "0"}, out);
-        std::sscanf(zel::test::first_line(out).c_str(), "zelproxy listening on 127.0.0.1:%d 127.0.0.1:%d", &publishers,
-                    &subscribers);
-    }
-    ~Proxy()
-    {
-        ::kill(pid, SIGTERM);
-        ::waitpid(pid, nullptr, 0);
-    }
-};
 
 struct Counter : CZelReceiver {
     long messages = 0;
@@ -64,12 +45,25 @@ double seconds_since(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// Messages per second over the `count` that arrive after the first, which
+// starts the clock.
+double pumped_rate(const Counter &counter, long count)
+{
+    while (counter.messages == 0)
+        zel_pump_messages(10);
+    long first = counter.messages;
+    auto start = Clock::now();
+    while (counter.messages - first < count)
+        zel_pump_messages(10);
+    return double(counter.messages - first) / seconds_since(start);
+}
+
 // Publishes until told to stop: a subscription reaches a publisher only some
 // time after it was made, so the measurement starts at the first arrival.
-double engines(const Proxy &proxy, long messages)
+double engines(const zel::test::ZelproxyProcess &proxy, long messages)
 {
     CZelEngine subscriber;
-    subscriber.create_connection(proxy.subscribers, "127.0.0.1", "ZMQ_SUB", "", "", "bench", "sub", 0, "", "", "",
+    subscriber.create_connection(proxy.subscribers(), "127.0.0.1", "ZMQ_SUB", "", "", "bench", "sub", 0, "", "", "",
                                  nullptr);
     Counter counter;
     int tag = 5, err = 0;
@@ -79,7 +73,7 @@ double engines(const Proxy &proxy, long messages)
     std::atomic<bool> done{false};
     std::thread publisher_thread([&] {
         CZelEngine publisher;
-        publisher.create_connection(proxy.publishers, "127.0.0.1", "ZMQ_PUB", "", "", "bench", "pub", 0, "", "", "",
+        publisher.create_connection(proxy.publishers(), "127.0.0.1", "ZMQ_PUB", "", "", "bench", "pub", 0, "", "", "",
                                     nullptr);
         std::string message = hundred_bytes;
         scratchcb m{int32_t(message.size()), int32_t(message.size()), int32_t(message.size()), message.data()};
@@ -87,20 +81,13 @@ double engines(const Proxy &proxy, long messages)
         while (!done)
             publisher.sendMsg(&m, &e);
     });
-    while (counter.messages == 0)
-        zel_pump_messages(10);
-    long first = counter.messages;
-    auto start = Clock::now();
-    while (counter.messages - first < messages)
-        zel_pump_messages(10);
-    double rate = double(counter.messages - first) / seconds_since(start);
+    double rate = pumped_rate(counter, messages);
     done = true;
     publisher_thread.join();
     return rate;
 }
 
 // ---- Datagrams ----------------------------------------------------------------------
-
 
 // Sends 8-byte datagrams to `port` until told to stop.
 std::thread flood(int port, std::atomic<bool> &done)
@@ -124,13 +111,7 @@ double facade_datagrams(long datagrams)
     CUdpFacade::getInstance().init("", "", "127.0.0.1:" + std::to_string(port), &counter);
     std::atomic<bool> done{false};
     std::thread sender = flood(port, done);
-    while (counter.messages == 0)
-        zel_pump_messages(10);
-    long first = counter.messages;
-    auto start = Clock::now();
-    while (counter.messages - first < datagrams)
-        zel_pump_messages(10);
-    double rate = double(counter.messages - first) / seconds_since(start);
+    double rate = pumped_rate(counter, datagrams);
     done = true;
     sender.join();
     return rate;
@@ -160,10 +141,10 @@ int main(int argc, char **argv)
 {
     long messages = argc > 1 ? std::atol(argv[1]) : 1000000;
     long datagrams = argc > 2 ? std::atol(argv[2]) : 200000;
-    Proxy proxy;
+    zel::test::ZelproxyProcess proxy;
     double engine_rate = engines(proxy, messages);
     auto at = [](int port) { return "tcp://127.0.0.1:" + std::to_string(port); };
-    double raw_rate = zel::reference::raw_zmq_throughput(at(proxy.publishers), at(proxy.subscribers), "^5.x.", topic,
+    double raw_rate = zel::reference::raw_zmq_throughput(at(proxy.publishers()), at(proxy.subscribers()), "^5.x.", topic,
                                                          hundred_bytes, messages, 30000);
     double facade_rate = facade_datagrams(datagrams);
     double recv_rate = raw_datagrams(datagrams);

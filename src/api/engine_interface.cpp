@@ -16,6 +16,28 @@ void CVartoEngine::acknowledge_stop()
     }
 }
 
+int CVartoEngine::removeWatchesByContext(void *context)
+{
+    if (!connected() || !context)
+        return 0;
+    return remove_watches([context](const sWatchData &w) { return w.context == context; });
+}
+
+int CVartoEngine::removeWatchesByReceiver(CZelReceiver *receiver)
+{
+    if (!connected() || !receiver)
+        return 0;
+    return remove_watches([receiver](const sWatchData &w) { return w.receiver == receiver; });
+}
+
+int CVartoEngine::removeAllWatches(int *)
+{
+    if (!connected())
+        return 0;
+    // A watch without receiver stays.
+    return remove_watches([](const sWatchData &w) { return w.receiver != nullptr; });
+}
+
 bool CVartoEngine::worker_running() const
 {
     return worker_ && !worker_->finished();

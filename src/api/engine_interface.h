@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -37,9 +38,11 @@ public:
     virtual int sendMsg(scratchcb *message, int *err) = 0;
     virtual int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err) = 0;
     virtual int getMeters(sZelMeters *meters, int *err) = 0;
-    virtual int removeWatchesByContext(void *context) = 0;
-    virtual int removeWatchesByReceiver(CZelReceiver *receiver) = 0;
-    virtual int removeAllWatches(int *err) = 0;
+    // The three bulk removals are the same on every transport: each watch
+    // they take is unbound through remove_watches.
+    virtual int removeWatchesByContext(void *context);
+    virtual int removeWatchesByReceiver(CZelReceiver *receiver);
+    virtual int removeAllWatches(int *err);
     virtual int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err) = 0;
     virtual int registerSrvc(const sPChar *name, void *handler, int option, int *err) = 0;
     // `err` may be null: the facade resets the meters that way before the
@@ -66,6 +69,12 @@ public:
     bool worker_running() const;
 
 protected:
+    // Whether the connection is up and the engine ready to bind and send.
+    virtual bool connected() const = 0;
+    // Takes every watch `match` accepts out of the window, unbinding each at
+    // the peer; answers how many went.
+    virtual int remove_watches(const std::function<bool(const sWatchData &)> &match) = 0;
+
     // Starts `worker` on its own thread, then waits, polling every 5 ms, until
     // its first connect attempt has ended. False when no thread could be
     // started. @locality application thread

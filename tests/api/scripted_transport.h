@@ -93,4 +93,8 @@ struct RecordingEngine : CVartoEngine {
     int disable_log(FILE *, std::string) override { return record("disable_log"); }
     int closeChannel(int *) override { return record("closeChannel"); }
     void rebind(const sWatchData &watch) override { rebound.push_back(&watch); }
+
+protected:
+    bool connected() const override { return true; }
+    int remove_watches(const std::function<bool(const sWatchData &)> &) override { return 0; }
 };

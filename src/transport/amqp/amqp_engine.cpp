@@ -213,7 +213,13 @@ int CAmqpEngine::removeWatch(void *watch, int *)
     return 1;
 }
 
-int CAmqpEngine::remove_watches(const std::function<bool(const sWatchData &)> &match, const char *failure_trace)
+int CAmqpEngine::remove_watches(const std::function<bool(const sWatchData &)> &match)
+{
+    return remove_watches_tracing(match, nullptr);
+}
+
+int CAmqpEngine::remove_watches_tracing(const std::function<bool(const sWatchData &)> &match,
+                                        const char *failure_trace)
 {
     return window()->remove_watches(match, [this, failure_trace](const sWatchData &w) {
         if (!queue_request(CPublishMessage::unbind, zel::amqp::binding_key(w.tags, w.values)) && failure_trace)
@@ -221,24 +227,11 @@ int CAmqpEngine::remove_watches(const std::function<bool(const sWatchData &)> &m
     });
 }
 
-int CAmqpEngine::removeWatchesByContext(void *context)
-{
-    if (!connected() || !context)
-        return 0;
-    return remove_watches([context](const sWatchData &w) { return w.context == context; }, nullptr);
-}
-
-int CAmqpEngine::removeWatchesByReceiver(CZelReceiver *receiver)
-{
-    if (!connected() || !receiver)
-        return 0;
-    return remove_watches([receiver](const sWatchData &w) { return w.receiver == receiver; }, nullptr);
-}
-
 int CAmqpEngine::removeAllWatches(int *)
 {
     // A watch without receiver stays.
-    return remove_watches([](const sWatchData &w) { return w.receiver != nullptr; }, "Amqp Send Message Failed \n");
+    return remove_watches_tracing([](const sWatchData &w) { return w.receiver != nullptr; },
+                                  "Amqp Send Message Failed \n");
 }
 
 void CAmqpEngine::rebind(const sWatchData &watch)

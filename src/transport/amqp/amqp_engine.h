@@ -27,8 +27,6 @@ public:
     int sendMsg(scratchcb *message, int *err) override;
     int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err) override;
     int getMeters(sZelMeters *meters, int *err) override;
-    int removeWatchesByContext(void *context) override;
-    int removeWatchesByReceiver(CZelReceiver *receiver) override;
     int removeAllWatches(int *err) override;
     int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err) override;
     int registerSrvc(const sPChar *name, void *handler, int option, int *err) override;
@@ -40,12 +38,15 @@ public:
     void rebind(const sWatchData &watch) override;
 
 private:
-    bool connected() const;
+    bool connected() const override;
     // Hands a bind or unbind of `key` to the worker; false without one.
     bool queue_request(int kind, const std::string &key);
     enum class Published { queued, not_open, queue_full };
     Published queue_publish(const std::string &routing_key, const scratchcb *message);
-    int remove_watches(const std::function<bool(const sWatchData &)> &match, const char *failure_trace);
+    int remove_watches(const std::function<bool(const sWatchData &)> &match) override;
+    // The same, writing `failure_trace` (when given) for each unbind that
+    // could not be queued.
+    int remove_watches_tracing(const std::function<bool(const sWatchData &)> &match, const char *failure_trace);
     void trace_failure(const char *text);
 
     zel::RequestBuilder builder_;

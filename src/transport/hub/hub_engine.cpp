@@ -153,28 +153,6 @@ int CHubEngine::RemoveWatch(const int *tags, sPChar *values, int count)
     });
 }
 
-int CHubEngine::removeWatchesByContext(void *context)
-{
-    if (!connected() || !context)
-        return 0;
-    return remove_watches([context](const sWatchData &w) { return w.context == context; });
-}
-
-int CHubEngine::removeWatchesByReceiver(CZelReceiver *receiver)
-{
-    if (!connected() || !receiver)
-        return 0;
-    return remove_watches([receiver](const sWatchData &w) { return w.receiver == receiver; });
-}
-
-int CHubEngine::removeAllWatches(int *)
-{
-    if (!connected())
-        return 0;
-    // A watch without receiver stays.
-    return remove_watches([](const sWatchData &w) { return w.receiver != nullptr; });
-}
-
 void CHubEngine::rebind(const sWatchData &watch)
 {
     worker_->send_watch_request(watch.subscribe);

@@ -24,9 +24,6 @@ public:
     int sendMsg(scratchcb *message, int *err) override;
     int enableHeartbeat(CZelHeartbeatListener *listener, long interval, int *err) override;
     int getMeters(sZelMeters *meters, int *err) override;
-    int removeWatchesByContext(void *context) override;
-    int removeWatchesByReceiver(CZelReceiver *receiver) override;
-    int removeAllWatches(int *err) override;
     int RegisterSrvc(std::string name, CZelReceiver *receiver, int *err) override;
     int registerSrvc(const sPChar *name, void *handler, int option, int *err) override;
     int resetMeters(int *err) override;
@@ -39,8 +36,8 @@ public:
     const CHubworker *worker() const { return worker_.get(); }
 
 private:
-    bool connected() const;
-    int remove_watches(const std::function<bool(const sWatchData &)> &match);
+    bool connected() const override;
+    int remove_watches(const std::function<bool(const sWatchData &)> &match) override;
     void send_unsubscribe(const sWatchData &watch);
 
     zel::RequestBuilder builder_;

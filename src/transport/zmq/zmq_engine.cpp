@@ -149,28 +149,6 @@ int CZmqEngine::remove_watches(const std::function<bool(const sWatchData &)> &ma
     return window()->remove_watches(match, [this](const sWatchData &w) { unsubscribe(w); });
 }
 
-int CZmqEngine::removeWatchesByContext(void *context)
-{
-    if (!connected() || !context)
-        return 0;
-    return remove_watches([context](const sWatchData &w) { return w.context == context; });
-}
-
-int CZmqEngine::removeWatchesByReceiver(CZelReceiver *receiver)
-{
-    if (!connected() || !receiver)
-        return 0;
-    return remove_watches([receiver](const sWatchData &w) { return w.receiver == receiver; });
-}
-
-int CZmqEngine::removeAllWatches(int *)
-{
-    if (!connected())
-        return 0;
-    // A watch without receiver stays.
-    return remove_watches([](const sWatchData &w) { return w.receiver != nullptr; });
-}
-
 // ZeroMQ keeps a socket's subscriptions across its own reconnects: nothing
 // is to be done again.
 void CZmqEngine::rebind(const sWatchData &) {}
