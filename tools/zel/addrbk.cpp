@@ -40,7 +40,8 @@ int run_addrbk(AddrbkOptions o)
         throw UsageError("give the address book with --addrbk HOST:PORT (or PL_LOC_BROK_ADDR)");
     parse_endpoint(o.service, "--addrbk");
     if ((o.action == "set") == o.address.empty())
-        throw UsageError(o.action == "set" ? "zel addrbk set wants KEY ADDRESS" : "zel addrbk " + o.action + " wants KEY alone");
+        throw UsageError(o.action == "set" ? "zel addrbk set wants KEY ADDRESS"
+                                           : "zel addrbk " + o.action + " wants KEY alone");
     sPChar key{o.key.data(), int32_t(o.key.size())}, service{o.service.data(), int32_t(o.service.size())},
         address{o.address.data(), int32_t(o.address.size())};
     uint32_t err = 0;
@@ -70,7 +71,8 @@ Command add_addrbk(CLI::App &zel)
     app->add_option("action", o->action, "get, set or rm")->required()->check(CLI::IsMember({"get", "set", "rm"}));
     app->add_option("key", o->key, "the entry's name")->required();
     app->add_option("address", o->address, "the address to file (set)");
-    app->add_option("--addrbk,--hub", o->service, "the address book (the hub keeps it) at HOST:PORT; default PL_LOC_BROK_ADDR, then ZEL_HUB")
+    app->add_option("--addrbk,--hub", o->service,
+                    "the address book (the hub keeps it) at HOST:PORT; default PL_LOC_BROK_ADDR, then ZEL_HUB")
         ->envname("PL_LOC_BROK_ADDR");
     return {app, [o] { return run_addrbk(*o); }};
 }

@@ -142,9 +142,10 @@ void Connection::send(scratchcb *message)
         int err = 0;
         if (engine_.sendMsg(message, &err))
             return;
-        if (err != ZEL_DETAIL_SEND_QUEUE_FULL || status() != ZEL_STATUS_CONNECTED)
-            throw Failure(status() == ZEL_STATUS_CONNECTED ? "the message was refused (detail " + std::to_string(err) + ")"
-                                                           : "lost the connection to the " + where_);
+        if (status() != ZEL_STATUS_CONNECTED)
+            throw Failure("lost the connection to the " + where_);
+        if (err != ZEL_DETAIL_SEND_QUEUE_FULL)
+            throw Failure("the message was refused (detail " + std::to_string(err) + ")");
         if (interrupted())
             throw Failure("interrupted while the send queue was full");
         zel_pump_messages(1);

@@ -84,7 +84,8 @@ void to_text(std::string &data, Output &out)
     int err = 0;
     uint64_t converted = 0;
     int32_t good_end = 0;
-    for (bool ok = zel_parse_first_msg(reader, nullptr, &in, &err); ok; ok = zel_parse_next_msg(reader, nullptr, &err)) {
+    for (bool ok = zel_parse_first_msg(reader, nullptr, &in, &err); ok;
+         ok = zel_parse_next_msg(reader, nullptr, &err)) {
         std::string line = text.admin(reader) + "\n";
         out.write(line.data(), line.size());
         ++converted;

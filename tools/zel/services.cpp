@@ -130,7 +130,8 @@ struct Responder : CZelReceiver {
                 head.push_back(std::move(field));
             else if (field.first == requester_tag)
                 requester.push_back(std::move(field));
-            else if (field.first != 0 && (field.first < ZEL_TRANSPORT_TAG_FIRST || field.first > ZEL_TRANSPORT_TAG_LAST))
+            else if (field.first != 0 &&
+                     (field.first < ZEL_TRANSPORT_TAG_FIRST || field.first > ZEL_TRANSPORT_TAG_LAST))
                 echo.push_back(std::move(field));
         }
         scratchcb *reply = nullptr;
