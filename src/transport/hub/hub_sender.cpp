@@ -1,6 +1,10 @@
 // Queueing frames for the hub worker to write.
 #include "transport/hub/hub_sender.h"
 
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
 #include <limits>
 
 #include "api/alert.h"
@@ -62,16 +66,53 @@ bool CHubSender::queue(std::initializer_list<std::string_view> parts, uint64_t l
         // a higher count than there is and refuses a little early.
         if (unwritten_.load(std::memory_order_relaxed) + size > limit)
             return false;
-        unwritten_.fetch_add(size, std::memory_order_relaxed);
+        size_t written = write_now(parts);
+        if (written == size)
+            return true;
+        unwritten_.fetch_add(size - written, std::memory_order_relaxed);
         was_empty = queued_.empty();
-        for (std::string_view part : parts)
-            queued_.append(part);
+        for (std::string_view part : parts) {
+            size_t skip = std::min(written, part.size());
+            queued_.append(part.substr(skip));
+            written -= skip;
+        }
     }
     // A queue that was not empty has a wake pending already: the worker
     // drains the wakes before it takes the queue.
     if (was_empty)
         wake();
     return true;
+}
+
+// Writes a frame to the socket from the calling thread when nothing queued
+// or taken by the worker could go before it, and the last such write is not
+// so recent that this looks like a stream. Answers the bytes written; the
+// rest is for the worker. @locality any thread, holding the sender's lock
+size_t CHubSender::write_now(std::initializer_list<std::string_view> parts)
+{
+    // Nothing unwritten means the worker has finished its last write and
+    // cannot take another without this lock.
+    if (socket_ < 0 || unwritten_.load(std::memory_order_acquire) != 0)
+        return 0;
+    Clock::time_point now = Clock::now();
+    if (now - last_written_now_ < streaming_gap)
+        return 0;
+    last_written_now_ = now;
+    iovec pieces[2];
+    msghdr frame{};
+    frame.msg_iov = pieces;
+    for (std::string_view part : parts)
+        pieces[frame.msg_iovlen++] = {const_cast<char *>(part.data()), part.size()};
+    // A refusal (a full socket, a lost connection) leaves it all to the
+    // worker, which notices a loss itself.
+    ssize_t n = ::sendmsg(socket_, &frame, MSG_NOSIGNAL | MSG_DONTWAIT);
+    return n > 0 ? size_t(n) : 0;
+}
+
+void CHubSender::attach_socket(int socket)
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    socket_ = socket;
 }
 
 std::string CHubSender::discard_queued()
@@ -86,14 +127,17 @@ std::string CHubSender::discard_queued()
 void CHubSender::take_queued(std::string &out)
 {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    if (out.empty())
-        out.swap(queued_);
-    else
-        out.append(queued_);
-    zel::hub::clear_send_buffer(queued_);
+    out.swap(queued_);
+}
+
+void CHubSender::trim()
+{
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    if (queued_.empty())
+        zel::hub::clear_send_buffer(queued_);
 }
 
 void CHubSender::written(size_t bytes)
 {
-    unwritten_.fetch_sub(bytes, std::memory_order_relaxed);
+    unwritten_.fetch_sub(bytes, std::memory_order_release);
 }

@@ -2,9 +2,17 @@
 // queued frame wakes the worker at once, so it leaves without waiting for
 // the worker's next turn. The bytes queued and not yet written are counted,
 // so that a hub that stops reading cannot make the queue grow without bound.
+//
+// A message sent while nothing is queued or being written goes to the socket
+// from the sending thread itself: a request or its reply then leaves without
+// waiting for the worker to be woken, a hand-off that costs tens of
+// microseconds, as much as the hub's own relay. A stream would then pay a
+// system call per message, so after such a write the messages of the next
+// `streaming_gap` are queued and leave in the worker's batches.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -34,13 +42,21 @@ public:
     void queue_message(std::string_view message);
     // Queues bytes that are already framed, whatever the bound.
     void queue_frame(std::string_view frame);
+    // The connection that messages may be written to straight away, once
+    // the announce is queued; -1 when there is none. @locality worker thread
+    void attach_socket(int socket);
+    void detach_socket() { attach_socket(-1); }
     // Empties the queue and forgets every byte not yet written, the worker's
     // taken ones included: a new connection starts afresh. Answers what was
     // queued. @locality worker thread
     std::string discard_queued();
-    // Moves everything queued to the end of `out`; drain the wakes first.
-    // @locality worker thread
+    // Swaps everything queued into `out`, which must be empty; drain the
+    // wakes first. The queue keeps `out`'s memory, so a stream goes on in the
+    // same two buffers. @locality worker thread
     void take_queued(std::string &out);
+    // Gives the queue's memory back when a backlog made it larger than is
+    // worth keeping; for when the connection has gone quiet.
+    void trim();
     // The worker has written `bytes` of what it took. @locality worker thread
     void written(size_t bytes);
 
@@ -50,10 +66,16 @@ public:
     void drain_wakes() { wake_.drain(); }
 
 private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr Clock::duration streaming_gap = std::chrono::microseconds(50);
+
     bool queue(std::initializer_list<std::string_view> parts, uint64_t limit);
     bool queue_framed(std::string_view message, uint64_t limit);
+    size_t write_now(std::initializer_list<std::string_view> parts);
 
     std::string queued_;                 // guarded by lock_
+    int socket_ = -1;                    // guarded by lock_
+    Clock::time_point last_written_now_; // guarded by lock_
     std::atomic<uint64_t> unwritten_{0}; // queued, or taken by the worker and not yet written
     zel::WakeEvent wake_;
 };

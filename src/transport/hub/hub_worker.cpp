@@ -55,6 +55,7 @@ int CHubworker::serve()
     std::string name = settings_.window ? settings_.window->instance_text() : std::string();
     sender_.queue_frame(
         zel::hub::make_frame({{zel::field::name, "set_device_aka"}, {zel::field::device_name, name}}));
+    sender_.attach_socket(socket_);
     closed_.store(0, std::memory_order_release);
     reportStatus(100, "connection success");
     end_first_attempt(connected_once);
@@ -133,10 +134,13 @@ int CHubworker::receive()
             return 0;
         bool writing = unsent_offset_ < unsent_.size();
         pollfd waits[2] = {{socket_, short(POLLIN | (writing ? POLLOUT : 0)), 0}, {sender_.wake_fd(), POLLIN, 0}};
-        if (::poll(waits, 2, turn_ms) < 0 && errno != EINTR) {
+        int ready = ::poll(waits, 2, turn_ms);
+        if (ready < 0 && errno != EINTR) {
             error = errno;
             break;
         }
+        if (ready == 0)
+            give_back_send_memory();
         if (waits[1].revents & POLLIN)
             sender_.drain_wakes();
         bool readable = waits[0].revents & (POLLIN | POLLHUP | POLLERR);
@@ -221,14 +225,16 @@ bool CHubworker::post_frames(int64_t framed, int64_t payload)
     return true;
 }
 
-// Writes what the sender queued, as far as the socket takes it now.
+// Writes what the sender queued, as far as the socket takes it now. What
+// was taken is written to the end before more is taken, so the worker never
+// copies: it swaps its emptied buffer for the sender's.
 bool CHubworker::flush(int *error)
 {
     if (unsent_offset_ == unsent_.size()) {
-        zel::hub::clear_send_buffer(unsent_);
+        unsent_.clear();
         unsent_offset_ = 0;
+        sender_.take_queued(unsent_);
     }
-    sender_.take_queued(unsent_);
     while (unsent_offset_ < unsent_.size()) {
         ssize_t n = ::send(socket_, unsent_.data() + unsent_offset_, unsent_.size() - unsent_offset_, MSG_NOSIGNAL);
         if (n < 0) {
@@ -241,6 +247,17 @@ bool CHubworker::flush(int *error)
         sender_.written(size_t(n));
     }
     return true;
+}
+
+// A stream keeps its send buffers at the size its backlogs reached; a turn
+// with nothing to do gives back what is larger than is worth keeping.
+void CHubworker::give_back_send_memory()
+{
+    if (unsent_offset_ == unsent_.size()) {
+        zel::hub::clear_send_buffer(unsent_);
+        unsent_offset_ = 0;
+    }
+    sender_.trim();
 }
 
 // The frames in `bytes` that end past its first `written` bytes.
@@ -308,6 +325,7 @@ int CHubworker::recover()
 
 void CHubworker::close_socket()
 {
+    sender_.detach_socket();
     if (socket_ >= 0)
         ::close(socket_);
     socket_ = -1;
