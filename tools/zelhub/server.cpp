@@ -34,8 +34,11 @@ constexpr int events_per_round = 256;
 constexpr int accepts_per_round = 64;
 // Every read asks for at least this much, so a busy client costs few calls.
 constexpr size_t read_chunk = 64 * 1024;
-// Buffers that a burst made bigger than this are given back once empty.
+// Buffers that a burst made bigger than this are given back once empty and
+// the hub has had nothing to do for a while: a stream that keeps a backlog
+// keeps its buffers rather than paying to map and fault them in again.
 constexpr size_t kept_buffer_size = 4 * 1024 * 1024;
+constexpr int idle_ms_before_giving_back = 100;
 
 // A client's name as it goes into a log line: short and printable, whatever it sent.
 std::string printable(std::string_view name)
@@ -158,13 +161,16 @@ void Server::run()
 {
     epoll_event events[events_per_round];
     while (!stopping_) {
-        int ready = epoll_wait(epoll_fd_, events, events_per_round, -1);
+        int ready = epoll_wait(epoll_fd_, events, events_per_round,
+                               oversized_buffers_ ? idle_ms_before_giving_back : -1);
         if (ready < 0) {
             if (errno == EINTR)
                 continue;
             std::fprintf(stderr, "zelhub: %s\n", system_error("epoll_wait").c_str());
             return;
         }
+        if (ready == 0)
+            give_back_buffers();
         for (int i = 0; i < ready; ++i)
             on_event(events[i]);
         // Everything forwarded this round goes out in one write per client.
@@ -278,7 +284,7 @@ void Server::handle_frames(Client &client)
     if (refuse_oversized(client, cut.needed))
         return;
     client.input.consume(size_t(cut.consumed));
-    client.input.shrink_if_empty_and_above(kept_buffer_size);
+    oversized_buffers_ |= client.input.capacity() > kept_buffer_size;
 }
 
 // Refused on its length alone, before its body is buffered: the hub keeps a
@@ -474,9 +480,22 @@ void Server::write_output(Client &client)
             return;
         }
     }
-    output.shrink_if_empty_and_above(kept_buffer_size);
+    oversized_buffers_ |= output.capacity() > kept_buffer_size;
     // Wake up for a full socket only while something waits to go out.
     watch_output(client, !output.empty());
+}
+
+void Server::give_back_buffers()
+{
+    oversized_buffers_ = false;
+    for (const auto &client : clients_) {
+        if (!client)
+            continue;
+        for (ByteBuffer *buffer : {&client->input, &client->output}) {
+            buffer->shrink_if_empty_and_above(kept_buffer_size);
+            oversized_buffers_ |= buffer->capacity() > kept_buffer_size;
+        }
+    }
 }
 
 void Server::watch_output(Client &client, bool watch)

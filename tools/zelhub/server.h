@@ -69,6 +69,7 @@ private:
     void drop_most_behind(const Client &recipient, int32_t frame_size);
     void flush_outputs();
     void write_output(Client &client);
+    void give_back_buffers();
     void watch_output(Client &client, bool watch);
     void drop(Client &client, std::string_view why);
     void disconnect(Client &client, std::string_view why);
@@ -83,6 +84,7 @@ private:
     int timer_fd_ = -1;
     bool stopping_ = false;
     bool accepting_paused_ = false;
+    bool oversized_buffers_ = false; // a client buffer is above the size kept for good
     int live_clients_ = 0;
     int64_t total_backlog_ = 0; // unsent bytes of all clients not dropped
 
