@@ -1,12 +1,15 @@
 // A transport for tests: its worker runs a script in place of a connection,
-// and its engine records what it is asked to do.
+// and its engine records what it is asked to do; and what the application
+// thread of a test does with what the worker posts.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <zel/engine.h>
 
 #include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "api/engine_interface.h"
@@ -97,4 +100,24 @@ struct RecordingEngine : CVartoEngine {
 protected:
     bool connected() const override { return true; }
     int remove_watches(const std::function<bool(const sWatchData &)> &) override { return 0; }
+};
+
+// Handles everything posted to this thread so far.
+inline void pump_all()
+{
+    while (zel_pump_messages(0) > 0)
+        ;
+}
+
+// Records the statuses it hears, which must come on the thread that made it.
+struct Listener : CZelListener {
+    std::vector<int> seen;
+    std::thread::id pumping_thread = std::this_thread::get_id();
+    int statusChange(int status, int *err) override
+    {
+        EXPECT_EQ(*err, 0);
+        EXPECT_EQ(std::this_thread::get_id(), pumping_thread);
+        seen.push_back(status);
+        return 1;
+    }
 };

@@ -17,6 +17,7 @@
 
 #include "api/batch_buffer.h"
 #include "api/receive_window.h"
+#include "scripted_transport.h" // pump_all
 #include "support/batches.h"
 #include "support/messages.h"
 #include "support/time_factor.h"
@@ -66,12 +67,6 @@ std::vector<std::string> callers()
 std::tuple<std::string, int, void *, void *, std::string> call_of(const Call &c)
 {
     return {c.who, c.kind, c.item, c.context, c.value};
-}
-
-void pump_all()
-{
-    while (zel_pump_messages(0) > 0)
-        ;
 }
 
 class Delivery : public ::testing::Test {

@@ -1,6 +1,7 @@
 // The facade and the engine and worker bases: connection creation for each
 // transport type, forwarding and refusals, the worker thread's start and stop,
-// recovery and status reports.
+// recovery and status reports; and the worker loop, whose one-shot timers fire
+// earliest first, killed timers never, and which a quit from another thread ends.
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "api/engine_factory.h"
+#include "api/worker_loop.h"
+#include "message/message_test_util.h" // EXPECT_RESULT
 #include "scripted_transport.h"
 
 namespace {
@@ -40,8 +43,7 @@ struct Facade : ::testing::Test {
     {
         for (Transport t : {Transport::zmq, Transport::hub, Transport::amqp})
             zel::engine_maker(t) = built_in[int(t)];
-        while (zel_pump_messages(0) > 0)
-            ;
+        pump_all();
     }
     static int connect(CZelEngine &e, const std::string &type)
     {
@@ -68,10 +70,7 @@ TEST_F(Facade, TheTypeChoosesTheEngineAndItsDescription)
 
 TEST_F(Facade, CreateReturnsAfterTheFirstAttemptEvenAFailedOneOnlyOnceAndOnlyALaterListenerHears)
 {
-    struct Listener : CZelListener {
-        std::vector<int> seen;
-        int statusChange(int status, int *) override { return seen.push_back(status), 1; }
-    } early, late;
+    Listener early, late;
     CZelEngine e;
     int status = 99, err = 0;
     e.setConnectionListener(&early, &err); // no connection yet: lost, and the status left alone
@@ -134,8 +133,7 @@ TEST_F(Facade, CallsWithoutAConnectionOrWithBadArgumentsAnswerZeroAndReachNoTran
     EXPECT_EQ(made, nullptr);
     for (CZelEngine *unconnected : {&never, &failed}) {
         int err = 0;
-        EXPECT_EQ(call_everything(*unconnected, &err), std::vector<int>(16, 0));
-        EXPECT_EQ(err, ZEL_DETAIL_NO_CONNECTION);
+        EXPECT_RESULT(call_everything(*unconnected, &err), std::vector<int>(16, 0), ZEL_DETAIL_NO_CONNECTION);
         EXPECT_EQ(call_everything(*unconnected, nullptr), std::vector<int>(16, 0));
         unconnected->getConnectionStatus(nullptr, nullptr);
     }
@@ -145,16 +143,12 @@ TEST_F(Facade, CallsWithoutAConnectionOrWithBadArgumentsAnswerZeroAndReachNoTran
     made->calls.clear();
     int err = 0, tag = 5;
     sPChar value{const_cast<char *>("v"), 1};
-    EXPECT_EQ(e.addWatch(nullptr, &tag, &value, 1, nullptr, nullptr, false, 0, false, false, &err), 0);
-    EXPECT_EQ(err, ZEL_DETAIL_NULL_ARGUMENT);
+    EXPECT_RESULT(e.addWatch(nullptr, &tag, &value, 1, nullptr, nullptr, false, 0, false, false, &err), 0,
+                  ZEL_DETAIL_NULL_ARGUMENT);
     EXPECT_EQ(e.addRqDontStore(nullptr, &value, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(e.getMeters(nullptr, &err), 0);
-    EXPECT_EQ(err, ZEL_DETAIL_NULL_ARGUMENT);
-    for (long interval : {0L, -1L}) {
-        err = 0;
-        EXPECT_EQ(e.enableHeartbeat(nullptr, interval, &err), 0);
-        EXPECT_EQ(err, ZEL_DETAIL_BAD_INTERVAL);
-    }
+    EXPECT_RESULT(e.getMeters(nullptr, &err), 0, ZEL_DETAIL_NULL_ARGUMENT);
+    for (long interval : {0L, -1L})
+        EXPECT_RESULT(e.enableHeartbeat(nullptr, interval, &err), 0, ZEL_DETAIL_BAD_INTERVAL);
     EXPECT_TRUE(made->calls.empty());
     EXPECT_EQ(e.enableHeartbeat(nullptr, 1, nullptr), 1); // 1 ms is allowed
     EXPECT_EQ(made->calls, std::vector<std::string>{"enableHeartbeat"});
@@ -191,8 +185,7 @@ struct Worker : ::testing::Test {
     void TearDown() override
     {
         owned.reset(); // stops the worker, so that nothing is posted after the drain
-        while (zel_pump_messages(0) > 0)
-            ;
+        pump_all();
     }
     void start() { ASSERT_TRUE(engine.create_connection("", 0, "", "", "", &window.monitor())); }
 };
@@ -244,6 +237,43 @@ TEST(FacadeFunctions, AllDigitsTakesTheEmptyTextAndReadsBytesAsSigned)
              {"", 1}, {"0123", 1}, {"12a", 0}, {"a12", 0}, {"1 2", 0}, {"9\xb9", 0}, {"/", 0}, {":", 0}}) {
         sPChar p{text.data(), int32_t(text.size())};
         EXPECT_EQ(m_all_digits(&p), digits) << text;
+    }
+}
+
+TEST(WorkerLoop, DueTimersFireEarliestFirstKilledOnesNeverAndAHandlerMayRearmItsOwn)
+{
+    zel::WorkerLoop loop;
+    loop.set_timer(3, 100);
+    loop.set_timer(1, 10);
+    loop.set_timer(2, 20);
+    loop.set_timer(4, 0);
+    EXPECT_TRUE(loop.kill_timer(4));
+    EXPECT_FALSE(loop.kill_timer(4));
+    loop.set_timer(5, 60000);
+    loop.set_timer(5, 50); // re-armed: the new deadline counts
+    std::vector<unsigned> fired;
+    loop.run([&](unsigned id) {
+        fired.push_back(id);
+        if (fired.size() == 6)
+            loop.post_quit();
+        else if (id == 3) // the reconnect pattern: each firing arms the next attempt
+            loop.set_timer(3, 1);
+    });
+    EXPECT_EQ(fired, (std::vector<unsigned>{1, 2, 5, 3, 3, 3}));
+}
+
+TEST(WorkerLoop, AQuitFromAnotherThreadEndsAnIdleOrWaitingLoop)
+{
+    for (bool with_far_timer : {false, true}) {
+        zel::WorkerLoop loop;
+        if (with_far_timer)
+            loop.set_timer(1, 600000);
+        bool fired = false;
+        std::thread worker([&] { loop.run([&](unsigned) { fired = true; }); });
+        loop.post_quit();
+        worker.join();
+        EXPECT_FALSE(fired);
+        EXPECT_TRUE(loop.quit_requested());
     }
 }
 

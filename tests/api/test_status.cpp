@@ -45,24 +45,6 @@ TEST(StatusRules, EachReportFromEachStatusGivesItsNextStatusAndNotification)
         }
 }
 
-struct Listener : CZelListener {
-    std::vector<int> seen;
-    int statusChange(int status, int *err) override
-    {
-        EXPECT_EQ(*err, 0);
-        EXPECT_EQ(std::this_thread::get_id(), pumping_thread);
-        seen.push_back(status);
-        return 1;
-    }
-    std::thread::id pumping_thread = std::this_thread::get_id();
-};
-
-void pump_all()
-{
-    while (zel_pump_messages(0) > 0)
-        ;
-}
-
 TEST(ConnectionMonitor, TheListenerHearsEachNotificationOnThePumpingThreadWithTheCurrentStatus)
 {
     CIntRxWnd window;

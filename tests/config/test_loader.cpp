@@ -1,5 +1,7 @@
-// Loading format, ini and cfg files, compiling ini sections into cfg records,
-// reading cells back, and the refusals of input beyond the limits.
+// Lines of format and ini text (comments, the stop at an empty line, splitting
+// at the first delimiter, trimming); loading format, ini and cfg files,
+// compiling ini sections into cfg records, reading cells back, and the
+// refusals of input beyond the limits.
 #include <zel/config.h>
 
 #include <filesystem>
@@ -14,11 +16,76 @@
 
 namespace {
 
-using zt::pc;
-using zt::str;
+using namespace zt;
 using Cells = std::vector<std::pair<uint32_t, std::string>>;
 
-template <typename T> void put(std::string &b, T v) { b.append(reinterpret_cast<const char *>(&v), sizeof v); }
+// Every line the reader yields from `text`, up to the first it refuses.
+std::vector<std::string> lines_of(std::string text)
+{
+    scratchcb s{int32_t(text.size()), int32_t(text.size()), int32_t(text.size()), text.data()};
+    std::vector<std::string> lines;
+    sPChar line{};
+    int32_t pos = 0;
+    while (get_single_fmt_ini_msg(&s, &line, &pos))
+        lines.push_back(str(line));
+    return lines;
+}
+
+// The key and value that splitting `line` at `delimiter` gives, "-" standing
+// for a null text; for a refusal, its detail and whether a key was left.
+using KeyValue = std::pair<std::string, std::string>;
+KeyValue split(const std::string &line, const char *delimiter = "=")
+{
+    sCfgItem item{};
+    sPChar text = pc(line);
+    uint32_t err = 99;
+    if (!load_delim_msg_to_hndl(&item, &text, delimiter, &err))
+        return {"<" + std::to_string(err) + ">", item.key.data ? "key left" : ""};
+    EXPECT_EQ(err, 0u);
+    KeyValue result{item.key.data ? str(item.key) : "-", item.value.data ? str(item.value) : "-"};
+    zel::cfg::release_items(&item, 1);
+    return result;
+}
+
+std::string trimmed(std::string text)
+{
+    zel_trim_str_spaces(text.data());
+    return text.c_str();
+}
+
+TEST(LineReader, SkipsBlanksAndOneCommentLineCutsInlineCommentsAndStopsAtTwoCommentLines)
+{
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+        {"\n\n  \ta=1\r\n// note\n\tb = 2  \n/* one line only\nc\n", {"a=1", "b = 2", "c"}},
+        {"a=1\n// first\n// second\nb=2\n", {"a=1"}},
+        {"a=1\n// first\n\n/* second\nb=2\n", {"a=1"}},
+        {"a = 1   // why\nb=2/* no block */ c\nd=3\t// tab\n", {"a = 1", "b=2", "d=3\t"}}}; // tabs before stay
+    for (const auto &[text, lines] : cases)
+        EXPECT_EQ(lines_of(text), lines) << text;
+}
+
+TEST(Trim, RemovesBlanksTabsAndApostrophesAtBothEndsOnly)
+{
+    for (const auto &[in, out] : {std::pair{" \t'a b'\t ", "a b"}, {"it's", "it's"}, {"' '", ""}, {"", ""}})
+        EXPECT_EQ(trimmed(in), out);
+    zel_trim_str_spaces(nullptr);
+}
+
+TEST(Split, SplitsAtTheFirstDelimiterAndSkipsLeadingOnes)
+{
+    EXPECT_EQ(split("price : 0", ":"), KeyValue("price", "0"));
+    for (const auto &[line, kv] : {std::pair{" name = 'a=b' ", KeyValue("name", "a=b")}, {"key=", {"key", "-"}},
+                                   {"=value", {"value", "-"}}, {"'' = x", {"-", "x"}}, {"===", {"-", "-"}},
+                                   {"==ab", {"ab", "b"}}}) // the value starts at the key's length + 1
+        EXPECT_EQ(split(line), kv) << line;
+}
+
+TEST(Split, RefusesALineLongerThanTheLimit)
+{
+    EXPECT_EQ(split(std::string(CFG_MAX_LINE, 'k')).first.size(), size_t(CFG_MAX_LINE));
+    EXPECT_EQ(split(std::string(CFG_MAX_LINE + 1, 'k')), KeyValue("<5>", ""));
+}
+
 
 // One cfg record with its length prefix.
 std::string record(uint32_t row, const Cells &cells)
@@ -76,7 +143,10 @@ struct ConfigTest : ::testing::Test {
         return loader(h, &p, &err);
     }
     uint64_t load_cfg_bytes(const std::string &bytes) { return load(cfg_load_cfg, file("t.cfg", bytes)); }
-    void expect_refused(uint64_t result, uint32_t detail) { EXPECT_EQ(std::make_pair(result, err), std::make_pair(uint64_t{0}, detail)); }
+    void expect_refused(uint64_t result, uint32_t detail)
+    {
+        EXPECT_EQ(std::make_pair(result, err), std::make_pair(uint64_t{0}, detail));
+    }
     std::string item(int32_t row, int32_t column)
     {
         sPChar out{};
@@ -167,6 +237,10 @@ TEST_F(ConfigTest, NullsAndMissingFilesGiveTheirDetails)
 {
     expect_refused(cfg_open(&h, 0, &err), 3u);
     expect_refused(load(cfg_load_fmt, dir + "/missing.fmt"), 1u);
+    sCfgHandle *quiet = nullptr; // a null detail pointer: the same answers, no detail
+    const std::string missing = dir + "/missing.ini";
+    sPChar path = pc(missing);
+    EXPECT_TRUE(cfg_open(&quiet, 0, nullptr) && !cfg_load_ini(quiet, &path, nullptr) && cfg_close(&quiet, nullptr));
     expect_refused(load(cfg_load_fmt, file("empty.fmt", "")), 4u);
     expect_refused(load(cfg_load_ini, file("t.ini", "a=1\n/s\n")), 5u); // an item before any section
     EXPECT_EQ(h->ini, nullptr);

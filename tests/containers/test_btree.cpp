@@ -2,33 +2,29 @@
 // ordering with its tail-first check, range searches, deletion and meters.
 #include <zel/containers.h>
 
+#include <array>
 #include <cstdlib>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "message/message_test_util.h" // EXPECT_RESULT
+#include "message/message_test_util.h" // EXPECT_RESULT, str
 
 namespace {
 
 using Keys = std::vector<std::string>;
+using zt::str;
 
-sPChar key(const std::string &s)
-{
-    return sPChar{const_cast<char *>(s.data()), int32_t(s.size())};
-}
-
-std::string text(const sPChar &k)
-{
-    return std::string(k.data, size_t(k.len));
-}
+// Unlike zt::pc, an empty key keeps its (non-null) bytes.
+sPChar key(const std::string &s) { return sPChar{const_cast<char *>(s.data()), int32_t(s.size())}; }
 
 // Orders keys as decimal numbers and counts its calls.
 int compare_calls = 0;
 int numeric_order(sPChar *k, sZELBtreeKeycb *node, int *result, int *)
 {
     ++compare_calls;
-    long a = std::strtol(text(*k).c_str(), nullptr, 10), b = std::strtol(std::string(node->key, size_t(node->key_len)).c_str(), nullptr, 10);
+    long a = std::strtol(str(*k).c_str(), nullptr, 10);
+    long b = std::strtol(std::string(node->key, size_t(node->key_len)).c_str(), nullptr, 10);
     *result = a == b ? 1 : a < b ? 2 : 3;
     return 1;
 }
@@ -60,7 +56,7 @@ struct Tree {
         auto first = ascending ? zel_btree_find_first_key : zel_btree_find_last_key;
         auto step = ascending ? zel_btree_find_next_key : zel_btree_find_prev_key;
         for (int ok = first(t, &k, nullptr, &err); ok; ok = step(t, &k, nullptr, &err))
-            out.push_back(text(k));
+            out.push_back(str(k));
         EXPECT_EQ(err, 2);
         return out;
     }
@@ -69,7 +65,7 @@ struct Tree {
     std::string search(decltype(zel_btree_find_next_key_less_than) find, const std::string &s)
     {
         sPChar k = key(s), found{};
-        return find(t, &k, &found, nullptr, &err) ? text(found) : "-";
+        return find(t, &k, &found, nullptr, &err) ? str(found) : "-";
     }
     std::string lower_bound(const std::string &s) { return search(zel_btree_find_first_key_not_less_than, s); }
     std::string below(const std::string &s) { return search(zel_btree_find_next_key_less_than, s); }
@@ -99,16 +95,14 @@ TEST(BtreeByteOrder, RangeSearchesFindTheNeighboursOfAnyKey)
     Tree t(0);
     for (const char *k : {"Beta", "al", "alpha", "alphabet", "zeta"})
         t.insert(k);
-    EXPECT_EQ(t.lower_bound("alp"), "alpha");
-    EXPECT_EQ(t.lower_bound("alpha"), "alpha");
-    EXPECT_EQ(t.lower_bound("b"), "zeta");   // crosses empty partitions
-    EXPECT_EQ(t.lower_bound("A"), "Beta");
-    EXPECT_EQ(t.lower_bound("zz"), "-");
-    EXPECT_EQ(t.err, 2);
-    EXPECT_EQ(t.below("alpha"), "al");
-    EXPECT_EQ(t.below("b"), "alphabet");
-    EXPECT_EQ(t.below("\x7f"), "zeta");
-    EXPECT_EQ(t.below("Beta"), "-");
+    // A key, the first key not less than it and the last key less than it; "b" crosses empty partitions.
+    for (const auto &[k, at_least, less] : std::vector<std::array<std::string, 3>>{
+             {"alp", "alpha", "al"}, {"alpha", "alpha", "al"}, {"b", "zeta", "alphabet"}, {"A", "Beta", "-"},
+             {"Beta", "Beta", "-"}, {"\x7f", "-", "zeta"}}) {
+        EXPECT_EQ(t.below(k), less) << k;
+        EXPECT_EQ(t.lower_bound(k), at_least) << k;
+    }
+    EXPECT_EQ(t.err, 2); // the last search found nothing
 }
 
 TEST(BtreeDelete, UnlinksFromTheOrderAndItsPartition)

@@ -146,6 +146,9 @@ TEST(HashBadInput, NullsEmptyKeysAndUnknownNamesGiveTheirDetailsAndChangeNothing
     EXPECT_EQ(h, nullptr);
     EXPECT_EQ(t.meters().adds, 0u);
     EXPECT_RESULT(zel_hash_close(&h, &err), 0, 1);
+    void *value = nullptr; // a null detail pointer: the same answers, no detail
+    EXPECT_TRUE(zel_hash_open(&h, &p, nullptr) && !zel_hash_table_find(h, &k, &value, nullptr) &&
+                zel_hash_close(&h, nullptr));
 }
 
 } // namespace

@@ -101,6 +101,7 @@ TEST_F(VectorTest, BadIndexesChangeNothingAndDeletingASequenceClosesTheGap)
     EXPECT_RESULT(zel_vec_last(v, &p, &err), 0, 2);
     EXPECT_RESULT(zel_vec_del_first(v, &err), 0, 4);
     EXPECT_RESULT(zel_vec_del(v, &err), 0, 4);
+    EXPECT_EQ(zel_vec_del(v, nullptr), 0); // a null detail pointer: the same answer, no detail
     EXPECT_EQ(meters()[1], 5); // each element counts
 }
 
@@ -120,7 +121,8 @@ TEST(VectorOpen, RefusesBadParametersASecondOpenNullArgumentsAndANullHandle)
     int err = 0, elem = 1, index = 0;
     void *v = nullptr;
     sZELVecParams p{nullptr, 0, 4};
-    for (sZELVecParams bad : {sZELVecParams{nullptr, -1, 4}, {nullptr, 0, 0}, {nullptr, 0, -4}, {nullptr, 65536, 65536}})
+    for (sZELVecParams bad :
+         {sZELVecParams{nullptr, -1, 4}, {nullptr, 0, 0}, {nullptr, 0, -4}, {nullptr, 65536, 65536}})
         EXPECT_RESULT(zel_vec_open(&v, &bad, &err), 0, 4);
     EXPECT_RESULT(zel_vec_open(&v, nullptr, &err), 0, 4);
     EXPECT_EQ(v, nullptr); // and nothing was allocated (leak check)
@@ -137,6 +139,7 @@ TEST(VectorOpen, RefusesBadParametersASecondOpenNullArgumentsAndANullHandle)
     EXPECT_RESULT(zel_vec_close(&v, &err), 0, 7);
     EXPECT_RESULT(zel_vec_add(v, &elem, &err), 0, 7);
     EXPECT_RESULT(zel_vec_get_count(v, &index, &err), 0, 7);
+    EXPECT_TRUE(zel_vec_open(&v, &p, nullptr) && zel_vec_close(&v, nullptr)); // no detail wanted
 }
 
 } // namespace

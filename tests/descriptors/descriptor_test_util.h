@@ -1,6 +1,5 @@
 // Helpers shared by the descriptor, log and platform tests: failure checks,
-// a self-freeing scratch buffer, the length-prefixed framing of files and TCP
-// sockets, and sockets on 127.0.0.1.
+// the length-prefixed framing of files and TCP sockets, and sockets on 127.0.0.1.
 #pragma once
 
 #include <zel/zel.h>
@@ -15,27 +14,14 @@
 
 #include "message/message_test_util.h"
 
-// Passes when a call answered 0 and wrote `detail`; `err` is taken by
-// reference so that it is read after the call.
-inline ::testing::AssertionResult failed_with(uint64_t result, const uint32_t &err, uint32_t detail)
-{
-    if (result == 0 && err == detail)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "answered " << result << " with detail " << err << ", not 0 with "
-                                         << detail;
-}
-#define EXPECT_FAILURE(call, err, detail) EXPECT_TRUE(failed_with((call), (err), (detail)))
+// Checks that a call answered 0 and wrote `detail`; `err` is read after the call.
+#define EXPECT_FAILURE(call, err, detail)                                                                \
+    EXPECT_EQ(([&] { uint64_t result = (call); return std::make_pair(result, uint64_t(err)); }()),      \
+              std::make_pair(uint64_t{0}, uint64_t(detail)))
 
-// A scratch buffer freed on scope exit; starts empty or holding `bytes`.
-struct Scratch : zt::Scratch {
-    Scratch() = default;
-    explicit Scratch(const std::string &bytes) { assign(bytes); }
-};
+using zt::Scratch;
 
-inline std::string length_prefix(uint32_t length)
-{
-    return std::string(reinterpret_cast<const char *>(&length), sizeof length);
-}
+inline std::string length_prefix(uint32_t n) { return std::string(reinterpret_cast<const char *>(&n), sizeof n); }
 inline std::string framed(const std::string &record) { return length_prefix(uint32_t(record.size())) + record; }
 
 // A socket bound to 127.0.0.1 on a port the system picked, listening if

@@ -34,9 +34,6 @@ struct ScopedEnv {
     void apply(const char *value) { value ? setenv(name, value, 1) : unsetenv(name), tzset(); }
 };
 
-// The detail a failed call wrote, read after the call; -1 when it succeeded.
-int64_t failure_detail(uint64_t result, const uint32_t &err) { return result == 0 ? int64_t{err} : -1; }
-
 std::vector<std::string> lines_of(const fs::path &path)
 {
     std::ifstream in(path);
@@ -117,27 +114,27 @@ TEST_F(Log, ALineIsTimeHostUserNameAndMessageByteForByte)
 TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreachableOneIsRefused)
 {
     for (const char *unknown : {static_cast<const char *>(nullptr), "", "LOG_FILE", "log_file ", "log"})
-        EXPECT_TRUE(failure_detail(open(unknown), err) == 2 && log == nullptr) << (unknown ? unknown : "unset");
+        EXPECT_FAILURE(open(unknown), err, 2) << (unknown ? unknown : "unset"); // and no handle: the next open works
     ASSERT_EQ(open("log_text_file"), 1u);
-    EXPECT_EQ(failure_detail(sys_log(log, 0, &err, 0, "dropped"), err), 2);
+    EXPECT_FAILURE(sys_log(log, 0, &err, 0, "dropped"), err, 2);
     close_log();
     EXPECT_EQ(fs::file_size(path_), 0u) << "a text-file log opens its file but takes no lines";
     ASSERT_EQ(open("log_file"), 1u);
     sLogHandle *open_log = log;
-    EXPECT_EQ(failure_detail(open("log_file"), err), 7);
+    EXPECT_FAILURE(open("log_file"), err, 7);
     EXPECT_EQ(log, open_log);
     close_log();
-    EXPECT_EQ(failure_detail(sys_log_open(&log, nullptr, &err), err), 2);
-    EXPECT_EQ(failure_detail(sys_log(nullptr, 0, &err, 0, "x"), err), 2);
-    EXPECT_EQ(failure_detail(sys_log_pm(nullptr, 0, 0, nullptr, nullptr, &err), err), 2);
-    EXPECT_EQ(failure_detail(sys_log_close(&log, &err), err), 2);
+    EXPECT_FAILURE(sys_log_open(&log, nullptr, &err), err, 2);
+    EXPECT_FAILURE(sys_log(nullptr, 0, &err, 0, "x"), err, 2);
+    EXPECT_FAILURE(sys_log_pm(nullptr, 0, 0, nullptr, nullptr, &err), err, 2);
+    EXPECT_FAILURE(sys_log_close(&log, &err), err, 2);
     { // an unreachable destination gives a detail and no handle
         ScopedEnv missing_dir("PL_LOG_FILE", (dir_ / "no" / "such" / "app.log").c_str());
-        EXPECT_EQ(failure_detail(open("log_file"), err), 1);
+        EXPECT_FAILURE(open("log_file"), err, 1);
     }
     ScopedEnv no_file("PL_LOG_FILE", nullptr), no_address("PL_LOGGER_ADDR", nullptr);
-    EXPECT_EQ(failure_detail(open("log_mnm_file"), err), 1);
-    EXPECT_EQ(failure_detail(open("log_net"), err), 32) << "the address cannot be resolved";
+    EXPECT_FAILURE(open("log_mnm_file"), err, 1);
+    EXPECT_FAILURE(open("log_net"), err, 32) << "the address cannot be resolved";
     EXPECT_EQ(log, nullptr);
 }
 
@@ -184,8 +181,8 @@ TEST_F(Log, RecordFilesAndNetLogsHoldTheMessagesTheBuilderMakes)
         ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", ""), 1u);
         ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", std::string(SYS_LOG_MESSAGE_MAX + 100, 'z').c_str()), 1u);
         ASSERT_EQ(record(log, 0, 2, tags, values, &err), 1u);
-        EXPECT_EQ(failure_detail(record(log, 0, 1, bad_tags, values, &err), err), 15);
-        EXPECT_EQ(failure_detail(other(log, 0, 1, tags, values, &err), err), 2)
+        EXPECT_FAILURE(record(log, 0, 1, bad_tags, values, &err), err, 15);
+        EXPECT_FAILURE(other(log, 0, 1, tags, values, &err), err, 2)
             << "a file log has no socket, a net log no file";
         close_log();
         std::vector<std::string> records = net ? std::vector<std::string>() : records_of(path_);

@@ -54,6 +54,7 @@ sPChar pc(std::string &&) = delete;
 struct Scratch {
     scratchcb s{};
     explicit Scratch(int size = 64) { reopen(size); }
+    explicit Scratch(const std::string &bytes) : Scratch() { assign(bytes); }
     ~Scratch() { int err; punset_buffer_size(&s, &err); }
     void reopen(int size)
     {

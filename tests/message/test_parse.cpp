@@ -33,6 +33,8 @@ TEST_F(Parse, InPlaceIndexesValuesInsideTheInputSkippingDeletedItemsMessageByMes
     EXPECT_RESULT(zel_parse_next_msg(m, nullptr, &err), 0, 6);
     EXPECT_RESULT(zel_parse_msg(m, &in.s, &err), 1, 0); // starts over
     EXPECT_EQ(values(m, 5), (Strings{"ab", "c"}));
+    // A null detail pointer: the same work, and no detail.
+    EXPECT_TRUE(zel_parse_msg(m, &in.s, nullptr) && zel_get_data(m, 7, 0, &v, nullptr) && str(v) == "xyz");
 }
 
 TEST_F(Parse, CopyModeCompactsEachMessageIntoTheCopyAndReportsTheInputStart)
@@ -75,6 +77,7 @@ TEST_F(ParseRobustness, MalformedInputFailsWithDetail2InEveryMode)
         SCOPED_TRACE(name);
         load(bytes);
         EXPECT_RESULT(zel_parse_msg(m, &in.s, &err), 0, 2);
+        EXPECT_EQ(zel_parse_msg(m, &in.s, nullptr), 0);
         EXPECT_EQ(parsed(), std::make_pair(-1L, 6));
         EXPECT_RESULT(zel_parse_first_msg(m, &copy.s, &in.s, &err), 0, 2);
         EXPECT_EQ(parsed(), std::make_pair(-1L, 6));

@@ -41,6 +41,7 @@ TEST(ScratchBuffer, OpenChecksItsArgumentsCloseLeavesTheHandleAndPallocNeverHand
     int err;
     scratchcb *h = nullptr, s{.len = 7}, *never = nullptr, *open = &s;
     EXPECT_RESULT(zel_open_scratch(&h, 0, &err), 0, 2);
+    EXPECT_EQ(zel_open_scratch(&h, 0, nullptr), 0); // a null detail pointer: the same answer, no detail
     EXPECT_RESULT(zel_open_scratch(&h, 100, &err), 1, 0);
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(dims(*h), (std::vector<int>{0, 100, 100}));
