@@ -2,14 +2,11 @@
 // by its outputs and exit status, against the real hub and forwarder.
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
+#include <string>
+#include <vector>
 
 #include "support/ports.h"
 #include "support/tool_process.h"
@@ -21,15 +18,13 @@ namespace {
 using zel::test::run_tool;
 using zel::test::ToolProcess;
 
-std::string hub_at(const zel::test::ZelhubProcess &hub)
-{
-    return "127.0.0.1:" + std::to_string(hub.port());
-}
-
-TEST(Tool, SubscribesPublishesAsksAndServesThroughTheHub)
-{
+struct AtHub : ::testing::Test {
     zel::test::ZelhubProcess hub;
-    std::string at = hub_at(hub);
+    std::string at = "127.0.0.1:" + std::to_string(hub.port());
+};
+
+TEST_F(AtHub, ToolSubscribesPublishesAsksAndServes)
+{
     ToolProcess sub({"sub", "--hub", at, "55=EURUSD", "--watch", "30=", "--count", "3", "--json"});
     ASSERT_TRUE(sub.wait_for_error_text("zel sub: ready")) << sub.err;
 
@@ -61,16 +56,6 @@ TEST(Tool, SubscribesPublishesAsksAndServesThroughTheHub)
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(serve.finish(), 0);
     EXPECT_NE(serve.out.find("0 1 quote 55 1 EURUSD 7 1 x 7 1 y 32760 1 "), std::string::npos) << serve.out;
-}
-
-TEST(Tool, MeasuresTheHubBesideARawRelay)
-{
-    zel::test::ZelhubProcess hub;
-    for (const char *kind : {"pubsub", "reqrep"}) {
-        auto run = run_tool({"bench", kind, "--count", "200", "--hub", hub_at(hub)});
-        EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_NE(run.out.find("ratio"), std::string::npos) << run.out;
-    }
 }
 
 TEST(Tool, PublishesAndSubscribesThroughTheForwarder)
@@ -114,7 +99,6 @@ TEST(Tool, ConvertsTextToRecordsAndBack)
     EXPECT_NE(bad_line.err.find("line 2 "), std::string::npos) << bad_line.err;
 }
 
-
 TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
 {
     std::string hub = "127.0.0.1:" + std::to_string(zel::test::free_loopback_port());
@@ -149,10 +133,8 @@ TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
     }
 }
 
-TEST(Tool, KeepsAddressesAndShowsTheConnection)
+TEST_F(AtHub, ToolKeepsAddressesShowsTheConnectionAndMeasuresTheHubBesideARawRelay)
 {
-    zel::test::ZelhubProcess hub;
-    std::string at = hub_at(hub);
     EXPECT_EQ(run_tool({"addrbk", "set", "quotes", "10.1.2.3:7000", "--addrbk", at}).status, 0);
     auto found = run_tool({"addrbk", "get", "quotes", "--addrbk", at});
     EXPECT_EQ(found.status, 0) << found.err;
@@ -169,6 +151,11 @@ TEST(Tool, KeepsAddressesAndShowsTheConnection)
     auto no_reply = run_tool({"req", "nobody", "--hub", at, "--timeout", "0.2"});
     EXPECT_EQ(no_reply.status, 1);
     EXPECT_EQ(no_reply.err, "zel: no reply from 'nobody' within 0.2 s\n");
+    for (const char *kind : {"pubsub", "reqrep"}) {
+        auto run = run_tool({"bench", kind, "--count", "200", "--hub", at});
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.out.find("ratio"), std::string::npos) << run.out;
+    }
 }
 
 } // namespace

@@ -6,22 +6,18 @@
 #include <zel/engine.h>
 
 #include <poll.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "api/receive_window.h"
 #include "support/clients.h"
 #include "support/frame_socket.h"
 #include "support/messages.h"
+#include "support/worker_reports.h"
 #include "support/zelhub_process.h"
 #include "transport/hub/hub_engine.h"
 
@@ -31,26 +27,9 @@ using zel::test::admin_text;
 using zel::test::build_message;
 using zel::test::Fields;
 using zel::test::pump_until;
+using zel::test::ReconnectDelays;
 using zel::test::Recorder;
 using zel::test::StatusLog;
-
-// Reconnects come quickly in tests.
-void set_reconnect_delays(const char *base_ms, const char *max_ms)
-{
-    ::setenv("ZEL_RECONNECT_BASE_MS", base_ms, 1);
-    ::setenv("ZEL_RECONNECT_MAX_MS", max_ms, 1);
-}
-
-// A message in a buffer of the library's own, which a request may grow.
-scratchcb *library_buffer(const Fields &fields)
-{
-    std::string bytes = build_message(fields);
-    scratchcb *buffer = nullptr;
-    zel_open_scratch(&buffer, int(bytes.size()), nullptr);
-    std::memcpy(buffer->data, bytes.data(), bytes.size());
-    buffer->len = int32_t(bytes.size());
-    return buffer;
-}
 
 // One application's connection to the hub.
 struct Client : zel::test::Connection {
@@ -61,40 +40,21 @@ struct Client : zel::test::Connection {
     }
 };
 
-// Waits until the hub has handled everything `client` sent before: a message
-// to its own sync watch comes back through the hub in order.
-struct Sync : Recorder {
-    int rounds = 0;
-    void arm(Client &client) { client.watch({60000}, {""}, this); }
-    // Arms and waits until the hub has every watch `client` placed so far.
-    void settle(Client &client)
-    {
-        arm(client);
-        round_trip(client);
-    }
-    void round_trip(Client &client)
-    {
-        std::string text = "60000 1 " + std::to_string(++rounds) + " ";
-        ASSERT_EQ(client.send({{60000, std::to_string(rounds)}}), 1);
-        ASSERT_TRUE(pump_until([&] { return saw(text); }));
-    }
-};
-
 struct Hub : ::testing::Test {
+    ReconnectDelays delays{"10", "40"};
     zel::test::ZelhubProcess hub;
     Client subscriber{hub.port(), "subscriber"}, publisher{hub.port(), "publisher"};
-    Sync sync;
-    static void SetUpTestSuite() { set_reconnect_delays("10", "40"); }
 };
 
 TEST_F(Hub, WatchedMessagesArriveWholeAndOnlyTheyDoUntilTheirWatchIsRemoved)
 {
-    Recorder prices;
+    Recorder prices, fence;
     int context = 0;
     subscriber.watch({5}, {"a"}, &prices, &context);
     void *gone = subscriber.watch({7}, {""}, &prices);
     subscriber.watch({6}, {""}, nullptr);
-    sync.settle(subscriber);
+    subscriber.watch({60000}, {""}, &fence);
+    ASSERT_TRUE(subscriber.round_trip());
 
     // More than the worker's receive buffer, and sent first, so more than the
     // socket takes from the publisher's own thread: the worker writes the rest,
@@ -114,10 +74,10 @@ TEST_F(Hub, WatchedMessagesArriveWholeAndOnlyTheyDoUntilTheirWatchIsRemoved)
 
     EXPECT_EQ(subscriber.engine.removeWatch(gone, &subscriber.err), 1);
     EXPECT_EQ(subscriber.engine.removeWatch(gone, &subscriber.err), 0);
-    sync.round_trip(subscriber);
+    ASSERT_TRUE(subscriber.round_trip());
     publisher.send({{7, "after"}});
     publisher.send({{60000, "after"}});
-    ASSERT_TRUE(pump_until([&] { return sync.saw("60000 1 after "); }));
+    ASSERT_TRUE(pump_until([&] { return fence.saw("60000 1 after "); }));
     EXPECT_EQ(prices.messages.size(), 2u);
     EXPECT_EQ(subscriber.engine.removeAllWatches(&subscriber.err), 1);
     EXPECT_EQ(subscriber.meters().counters[0], 1u); // the one without receiver stays
@@ -129,20 +89,13 @@ TEST_F(Hub, ARequestReachesItsServiceAndTheReplyItsRequester)
 {
     Client &server = subscriber, &client = publisher;
     Recorder service, requester;
-    sPChar name{const_cast<char *>("quote"), 5};
-    ASSERT_EQ(server.engine.registerSrvc(&name, &service, 0, &server.err), 1);
+    ASSERT_EQ(server.serve("quote", &service), 1);
     service.respond = [&](vartocb *request) {
-        sPChar number{};
-        int err = 0;
-        ASSERT_EQ(zel_get_data(request, 32760, 0, &number, &err), 1);
-        server.send({{32767, "1"}, {32760, std::string(number.data, size_t(number.len))}, {5, "42"}});
+        server.send({{32767, "1"}, {32760, zel::test::request_number(request)}, {5, "42"}});
     };
-
-    scratchcb *request = library_buffer({{0, "quote"}, {5, "IBM"}});
     int context = 0;
     void *handle = nullptr;
-    ASSERT_EQ(client.engine.addRqDontStore(&handle, request, &requester, &context, &client.err), 1);
-    zel_close_scratch(&request, nullptr);
+    ASSERT_EQ(client.ask({{0, "quote"}, {5, "IBM"}}, &requester, &context, &handle), 1);
     ASSERT_TRUE(pump_until([&] { return !requester.messages.empty(); }));
     std::string number = std::to_string(reinterpret_cast<uintptr_t>(&requester));
     EXPECT_EQ(service.messages[0], "0 1 quote 5 1 IBM 32760 1 " + number + " ");
@@ -158,7 +111,7 @@ TEST_F(Hub, AKilledHubIsLostThenRecoveringAndARestartedOneGetsTheWatchesBack)
 {
     Recorder prices;
     subscriber.watch({5}, {""}, &prices);
-    sync.settle(subscriber);
+    ASSERT_TRUE(subscriber.round_trip());
     ASSERT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 
     hub.stop(SIGKILL);
@@ -170,7 +123,7 @@ TEST_F(Hub, AKilledHubIsLostThenRecoveringAndARestartedOneGetsTheWatchesBack)
     hub.restart();
     ASSERT_TRUE(
         pump_until([&] { return subscriber.statuses.seen.size() == 4 && publisher.statuses.seen.size() == 4; }));
-    sync.round_trip(subscriber); // the watches went again with the new connection
+    ASSERT_TRUE(subscriber.round_trip()); // the watches went again with the new connection
     publisher.send({{5, "again"}});
     ASSERT_TRUE(pump_until([&] { return prices.saw("5 1 again "); }));
     EXPECT_EQ(subscriber.statuses.seen.size(), 4u); // retries while down told nobody
@@ -190,22 +143,22 @@ TEST(HubSender, AQueuedMessageWakesTheWorkerAtOnce)
 
 TEST_F(Hub, ABrokenRecordIsRefusedAndTheConnectionLivesOn)
 {
-    sync.arm(subscriber);
+    Recorder any;
+    subscriber.watch({60000}, {""}, &any);
+    ASSERT_TRUE(subscriber.round_trip());
     std::string whole = build_message({{60000, "x"}, {5, "value"}});
     for (std::string bytes : {whole.substr(0, whole.size() - 1), whole + '\0', std::string("not a message")}) {
         EXPECT_EQ(publisher.send(bytes), 0);
         EXPECT_EQ(publisher.err, ZEL_DETAIL_NOT_A_MESSAGE);
     }
-    void *handle = nullptr;
-    Recorder replies;
-    scratchcb *unnamed = library_buffer({{5, "no name"}});
-    EXPECT_EQ(publisher.engine.addRqDontStore(&handle, unnamed, &replies, nullptr, &publisher.err), 0);
-    zel_close_scratch(&unnamed, nullptr);
+    EXPECT_EQ(publisher.ask({{5, "no name"}}, &any), 0);
     EXPECT_EQ(publisher.err, ZEL_DETAIL_NOT_A_MESSAGE);
-    EXPECT_EQ(publisher.engine.addRqDontStore(&handle, nullptr, &replies, nullptr, &publisher.err), 0);
+    void *handle = nullptr;
+    EXPECT_EQ(publisher.engine.addRqDontStore(&handle, nullptr, &any, nullptr, &publisher.err), 0);
     EXPECT_EQ(publisher.err, ZEL_DETAIL_NULL_ARGUMENT);
-    sync.round_trip(subscriber);
-    EXPECT_EQ(sync.messages.size(), 1u); // nothing of the broken ones arrived
+    publisher.send({{60000, "fence"}});
+    ASSERT_TRUE(pump_until([&] { return any.saw("60000 1 fence "); }));
+    EXPECT_EQ(any.messages.size(), 1u); // nothing of the broken ones arrived
     EXPECT_EQ(publisher.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
 }
 
@@ -226,14 +179,13 @@ TEST_F(Hub, AConnectionDestroyedFromItsOwnReceiverCallsNobodyAfterwards)
     Recorder older;
     subscriber.watch({5}, {""}, &older);
     subscriber.watch({5}, {""}, &destroyer); // newer: called first
-    sync.settle(subscriber);
+    ASSERT_TRUE(subscriber.round_trip());
     destroyer.engine = subscriber.owned.release();
     for (int i = 0; i < 3; ++i)
         publisher.send({{5, std::to_string(i)}});
     ASSERT_TRUE(pump_until([&] { return !destroyer.engine; }));
     publisher.send({{5, "later"}});
-    Sync publisher_sync;
-    publisher_sync.settle(publisher);
+    ASSERT_TRUE(publisher.round_trip());
     zel_pump_messages(0);
     EXPECT_EQ(destroyer.messages, std::vector<std::string>{"5 1 0 "});
     EXPECT_TRUE(older.messages.empty());
@@ -244,8 +196,8 @@ TEST_F(Hub, AConnectionDestroyedFromItsOwnReceiverCallsNobodyAfterwards)
 // The hub's end of the connection has a small receive buffer, so that what
 // the kernel holds of a stalled stream is little and known.
 struct FakeHub : ::testing::Test {
+    ReconnectDelays delays{"10", "40"};
     zel::test::FrameListener listener{8192};
-    static void SetUpTestSuite() { set_reconnect_delays("10", "40"); }
     // The admin text of the next frame that is not a heartbeat.
     static std::string next_request(zel::test::FrameSocket &peer)
     {
@@ -363,45 +315,13 @@ TEST_F(FakeHub, AStalledHubFillsTheSendQueueToItsBoundAndWhatALostConnectionHeld
     zel_set_send_queue_limit(0);
 }
 
-// A hub engine without the facade, so that its worker can be looked at: a
-// monitor that keeps every report text and the delay each failed recovery
-// attempt armed.
-struct WorkerReports : CVartoSpy {
-    std::vector<std::string> texts;
-    std::vector<unsigned> retry_delays;
-    std::mutex lock;
-    CIntRxWnd window;
-    StatusLog statuses;
-    CHubEngine engine{&window}; // gone first: its worker reports to the rest
-
-    explicit WorkerReports(int port) : CVartoSpy(window)
-    {
-        window.set_listener(&statuses);
-        window.set_engine(&engine);
-        EXPECT_EQ(engine.create_connection("127.0.0.1@" + std::to_string(port), 0, "", "", "", this), 1);
-    }
-    int report(int level, std::string_view text) override
-    {
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            texts.emplace_back(text);
-            if (text == "recovery attempt failed, trying again")
-                retry_delays.push_back(engine.worker()->reconnect_delay_ms());
-        }
-        return CVartoSpy::report(level, text);
-    }
-    size_t retries()
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        return retry_delays.size();
-    }
-};
+using WorkerReports = zel::test::WorkerReports<CHubEngine>;
 
 TEST(Outages, EachOutageStartsItsReconnectDelayAfresh)
 {
-    set_reconnect_delays("5", "100000");
+    ReconnectDelays quick("5", "100000");
     zel::test::ZelhubProcess hub;
-    WorkerReports reports(hub.port());
+    WorkerReports reports("127.0.0.1@" + std::to_string(hub.port()));
     for (int outage = 0; outage < 2; ++outage) {
         ASSERT_TRUE(pump_until([&] { return reports.window.status() == ZEL_STATUS_CONNECTED; }));
         hub.stop(SIGKILL);
@@ -418,9 +338,9 @@ TEST(Outages, EachOutageStartsItsReconnectDelayAfresh)
 
 TEST(NoHub, EveryAttemptFailingEndsTheWorkerAfterTheBudget)
 {
-    set_reconnect_delays("1", "1");
+    ReconnectDelays quick("1", "1");
     int closed_port = zel::test::FrameListener().port();
-    WorkerReports reports(closed_port);
+    WorkerReports reports("127.0.0.1@" + std::to_string(closed_port));
     EXPECT_EQ(reports.window.status(), ZEL_STATUS_RECOVERING); // create returned after the first attempt
     ASSERT_TRUE(pump_until([&] { return !reports.engine.worker_running(); }));
     std::lock_guard<std::mutex> guard(reports.lock);

@@ -6,11 +6,16 @@
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
+#include <stdlib.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +34,39 @@ inline bool pump_until(const std::function<bool()> &done, std::chrono::milliseco
         zel_pump_messages(20);
     }
     return true;
+}
+
+// Sets an environment variable for as long as it lives.
+struct ScopedEnv {
+    std::string name;
+    ScopedEnv(std::string n, const char *value) : name(std::move(n)) { ::setenv(name.c_str(), value, 1); }
+    ~ScopedEnv() { ::unsetenv(name.c_str()); }
+};
+
+// Reconnects come quickly in tests.
+struct ReconnectDelays {
+    ScopedEnv base, max;
+    ReconnectDelays(const char *base_ms, const char *max_ms)
+        : base("ZEL_RECONNECT_BASE_MS", base_ms), max("ZEL_RECONNECT_MAX_MS", max_ms)
+    {
+    }
+};
+
+// The whole of a file, such as a trace.
+inline std::string file_text(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// The request number a service request carries, which its reply must repeat.
+inline std::string request_number(vartocb *request)
+{
+    sPChar number{};
+    int err = 0;
+    EXPECT_EQ(zel_get_data(request, 32760, 0, &number, &err), 1);
+    return std::string(number.data, size_t(number.len));
 }
 
 struct Recorder : CZelReceiver {
@@ -70,34 +108,18 @@ class AlertLog {
 public:
     AlertLog()
     {
-        current() = this;
-        zel_set_alert_handler(record);
+        raised() = 0;
+        zel_set_alert_handler([](const char *) { ++raised(); });
     }
-    ~AlertLog()
-    {
-        zel_set_alert_handler(nullptr);
-        current() = nullptr;
-    }
-    size_t count()
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        return count_;
-    }
+    ~AlertLog() { zel_set_alert_handler(nullptr); }
+    size_t count() { return raised(); }
 
 private:
-    static AlertLog *&current()
+    static std::atomic<size_t> &raised()
     {
-        static AlertLog *log = nullptr;
-        return log;
+        static std::atomic<size_t> count{0};
+        return count;
     }
-    static void record(const char *)
-    {
-        std::lock_guard<std::mutex> guard(current()->lock_);
-        ++current()->count_;
-    }
-
-    std::mutex lock_;
-    size_t count_ = 0;
 };
 
 // A connection; the suite's own type opens it.
@@ -130,6 +152,37 @@ struct Connection {
         return engine.sendMsg(&message, &err);
     }
     int send(const Fields &fields) { return send(build_message(fields)); }
+    int serve(const std::string &name, CZelReceiver *receiver)
+    {
+        sPChar service{const_cast<char *>(name.data()), int32_t(name.size())};
+        return engine.registerSrvc(&service, receiver, 0, &err);
+    }
+    // Sends a request for the service named in field 0, from a buffer of the
+    // library's own, which the request may grow; the engine's answer.
+    int ask(const Fields &fields, CZelReceiver *receiver, void *context = nullptr, void **handle = nullptr)
+    {
+        std::string bytes = build_message(fields);
+        scratchcb *buffer = nullptr;
+        zel_open_scratch(&buffer, int(bytes.size()), nullptr);
+        std::memcpy(buffer->data, bytes.data(), bytes.size());
+        buffer->len = int32_t(bytes.size());
+        void *ignored = nullptr;
+        int done = engine.addRqDontStore(handle ? handle : &ignored, buffer, receiver, context, &err);
+        zel_close_scratch(&buffer, nullptr);
+        return done;
+    }
+    // Waits until the peer has handled everything this connection asked of it
+    // before: a message to a watch of its own comes back through the peer.
+    bool round_trip(std::chrono::milliseconds wait = patience())
+    {
+        static int round = 0;
+        std::string mark = "sync" + std::to_string(++round);
+        Recorder sync;
+        void *handle = watch({60001}, {mark}, &sync);
+        bool back = send({{60001, mark}}) == 1 && pump_until([&] { return !sync.messages.empty(); }, wait);
+        engine.removeWatch(handle, &err);
+        return back;
+    }
     sZelMeters meters()
     {
         sZelMeters m{};

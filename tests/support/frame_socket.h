@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/ports.h"
 #include "support/time_factor.h"
 #include "transport/hub/framing.h"
 
@@ -31,17 +32,11 @@ inline std::string frame(const std::string &message)
     return frame_header(uint32_t(message.size())) + message;
 }
 
-// A TCP socket, with `receive_buffer` as its receive buffer unless it is 0,
-// and the loopback address at `port`.
-inline int tcp_socket(int receive_buffer, sockaddr_in &loopback, int port = 0)
+// Sets the receive buffer of `fd` to `size` unless it is 0; answers `fd`.
+inline int with_receive_buffer(int fd, int size)
 {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (receive_buffer)
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    loopback = sockaddr_in{};
-    loopback.sin_family = AF_INET;
-    loopback.sin_port = htons(uint16_t(port));
-    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (size)
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     return fd;
 }
 
@@ -50,17 +45,15 @@ public:
     explicit FrameSocket(int fd = -1) : fd_(fd) {}
     ~FrameSocket() { close(); }
     FrameSocket(FrameSocket &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    FrameSocket &operator=(FrameSocket &&other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
 
     // A `receive_buffer` other than 0 sets the socket's receive buffer first.
     static FrameSocket connect_to(int port, int receive_buffer = 0)
     {
-        sockaddr_in a;
-        FrameSocket socket(tcp_socket(receive_buffer, a, port));
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(uint16_t(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        FrameSocket socket(with_receive_buffer(::socket(AF_INET, SOCK_STREAM, 0), receive_buffer));
         if (::connect(socket.fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
             throw std::runtime_error("connect failed");
         return socket;
@@ -99,7 +92,8 @@ private:
         out.resize(size);
         size_t got = 0;
         while (got < size) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
             pollfd p{fd_, POLLIN, 0};
             if (left.count() <= 0 || ::poll(&p, 1, int(left.count())) <= 0)
                 return false;
@@ -119,14 +113,10 @@ class FrameListener {
 public:
     // A `receive_buffer` other than 0 sets it for every connection accepted.
     explicit FrameListener(int receive_buffer = 0)
+        : fd_(with_receive_buffer(bound_loopback_socket(SOCK_STREAM, &port_), receive_buffer))
     {
-        sockaddr_in a;
-        fd_ = tcp_socket(receive_buffer, a);
-        socklen_t size = sizeof a;
-        if (::bind(fd_, reinterpret_cast<sockaddr *>(&a), size) != 0 || ::listen(fd_, 16) != 0 ||
-            ::getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &size) != 0)
+        if (::listen(fd_, 16) != 0)
             throw std::runtime_error("listen failed");
-        port_ = ntohs(a.sin_port);
     }
     ~FrameListener() { ::close(fd_); }
 
@@ -140,8 +130,8 @@ public:
     }
 
 private:
+    int port_ = 0; // before fd_, which the constructor sets it with
     int fd_;
-    int port_ = 0;
 };
 
 } // namespace zel::test

@@ -24,27 +24,12 @@ public:
     explicit ToolProcess(std::vector<std::string> args, const std::string &input = "")
     {
         args.insert(args.begin(), ZEL_TOOL_PATH);
-        int in[2], out[2], err[2];
-        if (::pipe(in) != 0 || ::pipe(out) != 0 || ::pipe(err) != 0)
-            throw std::runtime_error("pipe");
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::dup2(err[1], STDERR_FILENO);
-            for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]})
-                ::close(fd);
-            run_in_child(args);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        ::close(err[1]);
+        int in;
+        pid_ = spawn_program(std::move(args), out_fd_, false, &in, &err_fd_);
         // The inputs the tests give fit in the pipe.
-        if (!input.empty() && ::write(in[1], input.data(), input.size()) != ssize_t(input.size()))
+        if (!input.empty() && ::write(in, input.data(), input.size()) != ssize_t(input.size()))
             throw std::runtime_error("stdin");
-        ::close(in[1]);
-        out_fd_ = out[0];
-        err_fd_ = err[0];
+        ::close(in);
     }
     ~ToolProcess()
     {

@@ -34,24 +34,34 @@ namespace zel::test {
 }
 
 // Starts the program args[0] with the rest as its arguments; `out` gets the
-// reading end of its standard output. A `quiet` program's complaints go
-// nowhere.
-inline pid_t spawn_program(std::vector<std::string> args, int &out, bool quiet = false)
+// reading end of its standard output, and `in` and `err`, when given, the
+// test's ends of its standard input and error. Without `err`, a `quiet`
+// program's complaints go nowhere.
+inline pid_t spawn_program(std::vector<std::string> args, int &out, bool quiet = false, int *in = nullptr,
+                           int *err = nullptr)
 {
-    int ends[2];
-    if (::pipe(ends) != 0)
-        throw std::runtime_error("pipe");
+    int *test_end[3] = {in, &out, err}, ends[3][2];
+    for (int stream = 0; stream < 3; ++stream)
+        if (test_end[stream] && ::pipe(ends[stream]) != 0)
+            throw std::runtime_error("pipe");
     pid_t pid = ::fork();
+    for (int stream = 0; stream < 3; ++stream) {
+        if (!test_end[stream])
+            continue;
+        int program_end = ends[stream][stream == 0 ? 0 : 1], own_end = ends[stream][stream == 0 ? 1 : 0];
+        if (pid == 0)
+            ::dup2(program_end, stream);
+        ::close(program_end);
+        if (pid == 0)
+            ::close(own_end);
+        else
+            *test_end[stream] = own_end;
+    }
     if (pid == 0) {
-        ::dup2(ends[1], STDOUT_FILENO);
-        if (quiet)
+        if (quiet && !err)
             ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
-        ::close(ends[0]);
-        ::close(ends[1]);
         run_in_child(args);
     }
-    ::close(ends[1]);
-    out = ends[0];
     return pid;
 }
 

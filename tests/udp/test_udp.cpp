@@ -4,11 +4,10 @@
 #include <zel/engine.h>
 #include <zel/udp.h>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,32 +35,25 @@ struct Datagrams : CZelReceiver {
     int processReply(vartocb *, int, void *, void *, int *) override { return 1; }
 };
 
-
+// Sends from a socket of its own on another loopback port.
 void send_datagram(int port, const std::string &bytes)
 {
-    int s = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(uint16_t(port));
+    int from_port, s = zel::test::bound_loopback_socket(SOCK_DGRAM, &from_port);
+    sockaddr_in to{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
     ::sendto(s, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
     ::close(s);
 }
 
-// First in the program: the facade is process-wide, and nothing has called
-// init yet.
-TEST(Udp, NotifyWithoutInitCallsNothing)
-{
-    int err = -1;
-    EXPECT_EQ(CUdpFacade::getInstance().notify(nullptr, &err), 1);
-    EXPECT_EQ(err, 0);
-}
-
-TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
+// The only test here that calls init in the test's own process: the facade
+// is process-wide.
+TEST(Udp, NotifyCallsNothingBeforeInitAndDatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
 {
     Datagrams receiver;
     int port = zel::test::free_loopback_port(SOCK_DGRAM);
     CUdpFacade &udp = CUdpFacade::getInstance();
+    int err = -1;
+    EXPECT_EQ(udp.notify(nullptr, &err), 1);
+    EXPECT_EQ(err, 0);
     ASSERT_EQ(udp.init("", "", "127.0.0.1:" + std::to_string(port), &receiver), 1);
     send_datagram(port, "0123456789abcdefghij"); // 20 bytes
     std::vector<std::string> expected = {"01234567"};
@@ -75,16 +67,12 @@ TEST(Udp, DatagramsReachTheReceiverOnTheInitThreadAsTheirFirstEightBytes)
 
     // notify hands the application's own data to the same receiver.
     sPChar own{const_cast<char *>("own"), 3};
-    int err = -1;
+    err = -1;
     EXPECT_EQ(udp.notify(&own, &err), 1);
     EXPECT_EQ(err, 0);
     EXPECT_EQ(receiver.seen.back(), "own");
     EXPECT_EQ(udp.dropped(), 0u);
 }
-
-} // namespace
-
-namespace {
 
 // A process that used the facade ends at once: the worker does not wait for
 // one more datagram.

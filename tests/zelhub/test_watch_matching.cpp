@@ -91,33 +91,26 @@ struct ScanWatch {
 
 using Delivery = std::tuple<int, const sWatchData *>; // (receiver, watch)
 
-// The scan of one message over the watches there when it arrived, newest
-// first, a step per delivery, so that removals made by the receivers it has
-// called count.
-class Scan {
-public:
-    Scan(const std::vector<ScanWatch> &watches, const Fields &message)
-        : watches_(watches), message_(message), next_(watches.size())
-    {
-    }
+// The scan of one message over the `next` watches there when it arrived,
+// newest first, a step per delivery, so that removals made by the receivers
+// it has called count.
+struct Scan {
+    const std::vector<ScanWatch> &watches;
+    const Fields &message;
+    size_t next;
+    std::set<int> called;
     // The next delivery; (-1, null) when there is none.
     Delivery step()
     {
-        while (next_ > 0) {
-            const ScanWatch &w = watches_[--next_];
-            if (w.removed || w.receiver < 0 || called_.count(w.receiver) || !scan_matches(w.keys, message_))
+        while (next > 0) {
+            const ScanWatch &w = watches[--next];
+            if (w.removed || w.receiver < 0 || called.count(w.receiver) || !scan_matches(w.keys, message))
                 continue;
-            called_.insert(w.receiver);
+            called.insert(w.receiver);
             return {w.receiver, w.handle};
         }
         return {-1, nullptr};
     }
-
-private:
-    const std::vector<ScanWatch> &watches_;
-    const Fields &message_;
-    size_t next_;
-    std::set<int> called_;
 };
 
 struct Recv : CZelReceiver {
@@ -212,7 +205,7 @@ public:
     {
         Fields message = random_.message();
         std::string bytes = wire_form(message);
-        Scan scan(watches_, message);
+        Scan scan{watches_, message, watches_.size(), {}};
         scan_ = &scan;
         made_.clear();
         scanned_.clear();

@@ -6,15 +6,13 @@
 
 #include <zmq.h>
 
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <sstream>
-#include <regex>
-#include <fstream>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <memory>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/clients.h"
@@ -47,25 +45,20 @@ void settle(Client &publisher, Recorder &sync, int round)
     }));
 }
 
-TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
+TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFiltersAndAgainWhenItIsRestarted)
 {
     zel::test::ZelproxyProcess proxy;
     Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
     ASSERT_EQ(subscriber.status(), ZEL_STATUS_CONNECTED);
     ASSERT_EQ(publisher.status(), ZEL_STATUS_CONNECTED);
-    Recorder prices, sync;
+    std::string trace = ::testing::TempDir() + "zmq-restart.trace";
+    subscriber.engine.enable_log(nullptr, trace);
+    Recorder prices, sync, service, replies;
     subscriber.watch({60000}, {""}, &sync);
     subscriber.watch({5, 7}, {"IBM", ""}, &prices); // "^5.IBM.^7.": pairs in tag order prefix the topic
-    Recorder service, replies;
-    sPChar name{const_cast<char *>("quotes"), 6};
-    ASSERT_EQ(subscriber.engine.registerSrvc(&name, &service, 0, &subscriber.err), 1);
+    ASSERT_EQ(subscriber.serve("quotes", &service), 1);
     settle(publisher, sync, 1);
-    std::string request = build_message({{0, "quotes"}});
-    std::vector<char> room(request.begin(), request.end());
-    room.resize(request.size() + 64);
-    scratchcb asked{int32_t(request.size()), int32_t(room.size()), int32_t(room.size()), room.data()};
-    void *handle = nullptr;
-    ASSERT_EQ(publisher.engine.addRqDontStore(&handle, &asked, &replies, nullptr, &publisher.err), 1);
+    ASSERT_EQ(publisher.ask({{0, "quotes"}}, &replies), 1);
 
     publisher.send({{5, "IBM"}, {7, "a"}});
     publisher.send({{5, "MSFT"}, {7, "b"}});
@@ -75,17 +68,7 @@ TEST(Zmq, PublishersAndSubscribersMeetAtTheForwarderByPrefixFilters)
     EXPECT_EQ(prices.messages, (std::vector<std::string>{"5 1 IBM 7 1 a ", "5 1 IBM 7 1 c 60000 1 end "}));
     ASSERT_EQ(service.messages.size(), 1u);
     EXPECT_EQ(service.messages[0].rfind("0 1 quotes 32760 1 ", 0), 0u) << service.messages[0];
-}
 
-TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
-{
-    zel::test::ZelproxyProcess proxy;
-    Client subscriber("ZMQ_SUB", proxy.subscribers(), "sub"), publisher("ZMQ_PUB", proxy.publishers(), "pub");
-    Recorder sync;
-    std::string trace = ::testing::TempDir() + "zmq-restart.trace";
-    subscriber.engine.enable_log(nullptr, trace);
-    subscriber.watch({60000}, {""}, &sync);
-    settle(publisher, sync, 1);
     proxy.restart();
     // ZeroMQ reconnects both and sends the subscriptions again.
     settle(publisher, sync, 2);
@@ -93,21 +76,21 @@ TEST(Zmq, ARestartedForwarderIsReachedAgainWithoutAnyStatusChange)
     EXPECT_EQ(subscriber.statuses.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
     // The socket's own events show the outage in the trace.
     subscriber.engine.disable_log(nullptr, trace);
-    std::ifstream file(trace);
-    std::stringstream text;
-    text << file.rdbuf();
-    EXPECT_NE(text.str().find("| Disconnected socket descriptor "), std::string::npos) << text.str();
+    EXPECT_NE(zel::test::file_text(trace).find("| Disconnected socket descriptor "), std::string::npos);
 }
 
-// A raw XPUB socket of the test: it sees the subscriptions a SUB connection
-// makes, byte for byte, and publishes what the test chooses.
-struct RawPublisher {
+// A raw socket of the test, bound to a free loopback port. As XPUB it sees
+// the subscriptions a SUB connection makes, byte for byte, and publishes
+// what the test chooses; as SUB it sees what a PUB connection sends.
+struct RawSocket {
     void *context = zmq_ctx_new();
-    void *socket = zmq_socket(context, ZMQ_XPUB);
+    void *socket;
     int port = 0;
-    RawPublisher()
+    RawSocket(int type, int wait_ms)
     {
-        int wait_ms = int(zel::test::patience().count());
+        socket = zmq_socket(context, type);
+        if (type == ZMQ_SUB)
+            zmq_setsockopt(socket, ZMQ_SUBSCRIBE, "", 0);
         zmq_setsockopt(socket, ZMQ_RCVTIMEO, &wait_ms, sizeof wait_ms);
         zmq_bind(socket, "tcp://127.0.0.1:*");
         char endpoint[256];
@@ -115,7 +98,7 @@ struct RawPublisher {
         zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size);
         port = std::atoi(std::strrchr(endpoint, ':') + 1);
     }
-    ~RawPublisher()
+    ~RawSocket()
     {
         int linger = 0;
         zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
@@ -139,7 +122,7 @@ struct RawPublisher {
 TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessagesFromTheLastPart)
 {
     zel::test::AlertLog alerts;
-    RawPublisher peer;
+    RawSocket peer(ZMQ_XPUB, int(zel::test::patience().count()));
     std::string trace = ::testing::TempDir() + "zmq.trace";
     {
         Client first("ZMQ_SUB", peer.port, "own");
@@ -150,7 +133,8 @@ TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessag
         std::sort(own.begin(), own.end());
         // Each connection takes the next number of the process's counter.
         int n = std::atoi(own[0].c_str() + std::strlen("+^32761.own_"));
-        EXPECT_EQ(own, (std::vector<std::string>{"+^32761.own_" + std::to_string(n), "+^32761.own_" + std::to_string(n + 1),
+        EXPECT_EQ(own, (std::vector<std::string>{"+^32761.own_" + std::to_string(n),
+                                                 "+^32761.own_" + std::to_string(n + 1),
                                                  "+set_device_aka|own_" + std::to_string(n),
                                                  "+set_device_aka|own_" + std::to_string(n + 1)}));
     }
@@ -176,13 +160,11 @@ TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessag
     EXPECT_EQ(in.messages, (std::vector<std::string>{"9 1 last ", "9 1 after "}));
     EXPECT_EQ(alerts.count(), 2u);
     subscriber->engine.disable_log(nullptr, trace);
-    std::ifstream file(trace);
-    std::stringstream text;
-    text << file.rdbuf();
+    const std::string text = zel::test::file_text(trace);
     const std::string stamp = R"(< [0-9]{1,2}-[0-9]{1,2}-[0-9]{4} [0-9]{1,2}:[0-9]{1,2}:[0-9]{1,2}:[0-9]{1,3})";
     for (const std::string &group : {stamp + R"( \| \^9\.     \|    label\t\t\|\t3 \n< 0 1 subscribe \n<\n)",
                                      stamp + R"(\| 16 \| label \n< 9 1 last \n<\n)"})
-        EXPECT_TRUE(std::regex_search(text.str(), std::regex(group))) << group << "\n" << text.str();
+        EXPECT_TRUE(std::regex_search(text, std::regex(group))) << group << "\n" << text;
 
     // Destroyed while its peer goes on sending: no hang, no crash.
     std::atomic<bool> sending{true};
@@ -196,19 +178,10 @@ TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessag
     flood.join();
 }
 
-// A raw SUB socket of the test sees what a PUB connection sends.
 TEST(Zmq, APublisherSendsTheTopicOfItsFieldsThenTheMessage)
 {
-    void *context = zmq_ctx_new();
-    void *sub = zmq_socket(context, ZMQ_SUB);
-    zmq_setsockopt(sub, ZMQ_SUBSCRIBE, "", 0);
-    int wait_ms = 20;
-    zmq_setsockopt(sub, ZMQ_RCVTIMEO, &wait_ms, sizeof wait_ms);
-    zmq_bind(sub, "tcp://127.0.0.1:*");
-    char endpoint[256];
-    size_t size = sizeof endpoint;
-    zmq_getsockopt(sub, ZMQ_LAST_ENDPOINT, endpoint, &size);
-    Client publisher("ZMQ_PUB", std::atoi(std::strrchr(endpoint, ':') + 1), "pub");
+    RawSocket sub(ZMQ_SUB, 20);
+    Client publisher("ZMQ_PUB", sub.port, "pub");
     std::string message = build_message({{7, "a"}, {5, "IBM"}});
     std::vector<std::string> parts;
     // The subscription reaches the publisher a little after it connects.
@@ -216,17 +189,13 @@ TEST(Zmq, APublisherSendsTheTopicOfItsFieldsThenTheMessage)
         publisher.send(message);
         char bytes[256];
         int n;
-        while ((n = zmq_recv(sub, bytes, sizeof bytes, 0)) >= 0)
+        while ((n = zmq_recv(sub.socket, bytes, sizeof bytes, 0)) >= 0)
             parts.emplace_back(bytes, size_t(n));
         return !parts.empty();
     }));
     ASSERT_GE(parts.size(), 2u);
     EXPECT_EQ(parts[0], "^5.IBM.^7.a.");
     EXPECT_EQ(parts[1], message);
-    int linger = 0;
-    zmq_setsockopt(sub, ZMQ_LINGER, &linger, sizeof linger);
-    zmq_close(sub);
-    zmq_ctx_term(context);
 }
 
 } // namespace
