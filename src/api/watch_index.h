@@ -222,6 +222,8 @@ private:
         if (!item)
             return;
         reach(anchor.any_value);
+        if (anchor.by_value.empty())
+            return; // no value to hash for
         auto shelf = anchor.by_value.find(std::string_view(item->data, size_t(item->len)));
         if (shelf != anchor.by_value.end())
             reach(shelf->second);
