@@ -15,6 +15,7 @@
 #include "message/message_test_util.h" // EXPECT_RESULT
 #include "support/frame_socket.h"
 #include "support/messages.h"
+#include "support/scoped_env.h"
 
 namespace {
 
@@ -119,7 +120,7 @@ TEST(AddressBook, AReplyMapsIntoThePairsAndOnlyWhatItCarries)
 
 TEST(AddressBook, ALookupFailsClearlyWhenTheServiceFails)
 {
-    ::setenv("ZEL_ADDRBK_TIMEOUT_MS", "50", 1);
+    zel::test::ScopedEnv quick("ZEL_ADDRBK_TIMEOUT_MS", "50");
     EXPECT_EQ(lookup("k", [](auto &) {}).detail, 31u); // closed without a word
     auto hold = [](zel::test::FrameSocket &peer) { // reads the request, then holds the line past the bound
         peer.read_message();
@@ -128,7 +129,6 @@ TEST(AddressBook, ALookupFailsClearlyWhenTheServiceFails)
     EXPECT_EQ(lookup("k", hold).detail, 4u);
     Lookup garbage = lookup("k", [](zel::test::FrameSocket &peer) { peer.send_message("not a message"); });
     EXPECT_TRUE(garbage.result == 0 && garbage.detail != 0);
-    ::unsetenv("ZEL_ADDRBK_TIMEOUT_MS");
 
     point_service_at(FrameListener().port()); // closed again at once
     sPChar key = pc("k"), pair[2] = {};

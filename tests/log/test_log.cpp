@@ -9,10 +9,10 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 
 #include "descriptors/descriptor_test_util.h" // LoopbackSocket
 #include "support/messages.h"
+#include "support/scoped_env.h"
 
 namespace {
 
@@ -20,19 +20,7 @@ namespace fs = std::filesystem;
 
 constexpr size_t time_width = 24;
 
-// Sets (null: unsets) a variable and restores its old state on scope exit.
-struct ScopedEnv {
-    const char *name;
-    std::optional<std::string> saved;
-    ScopedEnv(const char *n, const char *value) : name(n)
-    {
-        if (const char *old = std::getenv(n))
-            saved = old;
-        apply(value);
-    }
-    ~ScopedEnv() { apply(saved ? saved->c_str() : nullptr); }
-    void apply(const char *value) { value ? setenv(name, value, 1) : unsetenv(name), tzset(); }
-};
+using zel::test::ScopedEnv;
 
 std::vector<std::string> lines_of(const fs::path &path)
 {

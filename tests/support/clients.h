@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 #include <zel/engine.h>
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "support/messages.h"
+#include "support/scoped_env.h"
 #include "support/time_factor.h"
 
 namespace zel::test {
@@ -37,12 +36,6 @@ inline bool pump_until(const std::function<bool()> &done, std::chrono::milliseco
 }
 
 // Sets an environment variable for as long as it lives.
-struct ScopedEnv {
-    std::string name;
-    ScopedEnv(std::string n, const char *value) : name(std::move(n)) { ::setenv(name.c_str(), value, 1); }
-    ~ScopedEnv() { ::unsetenv(name.c_str()); }
-};
-
 // Reconnects come quickly in tests.
 struct ReconnectDelays {
     ScopedEnv base, max;
