@@ -208,7 +208,7 @@ TEST(AmqpBroker, PublishPropertiesBodiesAndHeartbeatsForEachCompressionMode)
 
     // By default a data message leaves with the routing key of the
     // connection's last request.
-    ::unsetenv("ZEL_AMQP_ROUTE_BY_FIELDS");
+    zel::test::ScopedEnv by_fields("ZEL_AMQP_ROUTE_BY_FIELDS", nullptr);
     RawPeer service;
     service.listen("^0.last");
     Client client(unique_name("default"));
@@ -220,7 +220,6 @@ TEST(AmqpBroker, PublishPropertiesBodiesAndHeartbeatsForEachCompressionMode)
     RawPeer::Delivery data = service.next();
     EXPECT_EQ(data.routing_key, "^0.last");
     EXPECT_EQ(data.body, build_message({{7, "data"}}));
-    ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
 }
 
 TEST(AmqpBroker, BadDeliveriesAreDroppedWithAnAlertAndTheRestArrive)
@@ -359,7 +358,7 @@ TEST(AmqpBroker, ToolPublishesSubscribesAsksAndServes)
         return args;
     };
     // The tool routes by fields of its own accord.
-    ::unsetenv("ZEL_AMQP_ROUTE_BY_FIELDS");
+    zel::test::ScopedEnv by_fields("ZEL_AMQP_ROUTE_BY_FIELDS", nullptr);
 
     ToolProcess sub({"sub", "--amqp", plain, "--compression", "1", "55=EURUSD", "--count", "2"});
     ASSERT_TRUE(sub.wait_for_error_text("zel sub: ready")) << sub.err;
@@ -379,5 +378,4 @@ TEST(AmqpBroker, ToolPublishesSubscribesAsksAndServes)
     auto refused = run_tool({"pub", "--amqp", plain, "--password", "wrong", "1 1 x"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.err, "zel: cannot connect to the broker " + plain + "\n");
-    ::setenv("ZEL_AMQP_ROUTE_BY_FIELDS", "1", 1);
 }

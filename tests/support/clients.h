@@ -35,7 +35,6 @@ inline bool pump_until(const std::function<bool()> &done, std::chrono::milliseco
     return true;
 }
 
-// Sets an environment variable for as long as it lives.
 // Reconnects come quickly in tests.
 struct ReconnectDelays {
     ScopedEnv base, max;

@@ -4,10 +4,8 @@
 // however the program ends.
 #pragma once
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -103,8 +101,6 @@ private:
         ::pclose(out);
         return text;
     }
-
-    // A port nobody listens on now, found by binding port 0 and letting go.
 
     std::filesystem::path dir_;
     int port_, tls_port_, dist_port_, epmd_port_;

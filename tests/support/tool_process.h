@@ -3,7 +3,6 @@
 // taken, and never left running after the test.
 #pragma once
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>

@@ -20,6 +20,8 @@ class ZelproxyProcess {
 public:
     ZelproxyProcess() { start({ZELPROXY_PATH, "--pub-port", "0", "--sub-port", "0"}); }
     ~ZelproxyProcess() { stop(); }
+    ZelproxyProcess(const ZelproxyProcess &) = delete;
+    ZelproxyProcess &operator=(const ZelproxyProcess &) = delete;
     // Kills it and starts it again on the same ports.
     void restart()
     {
@@ -41,10 +43,14 @@ private:
         publishers_ = std::atoi(in);
         subscribers_ = std::atoi(to);
     }
+    // Once only: a restart whose start failed leaves nothing to stop.
     void stop()
     {
+        if (pid_ <= 0)
+            return;
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
 
     pid_t pid_ = -1;

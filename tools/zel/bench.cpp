@@ -80,11 +80,9 @@ Fields sized(Fields fields, int size)
     MessageText text;
     fields.emplace_back(filler_tag, "");
     // Each filler byte adds one byte to the message: one correction after
-    // the first build is enough, the second pass only confirms it.
-    for (int pass = 0; pass < 2; ++pass) {
-        long missing = long(size) - text.from_fields(fields)->len;
-        fields.back().second.resize(size_t(std::max(0L, long(fields.back().second.size()) + missing)), 'p');
-    }
+    // the first build is exact.
+    long missing = long(size) - text.from_fields(fields)->len;
+    fields.back().second.resize(size_t(std::max(0L, missing)), 'p');
     return fields;
 }
 
@@ -401,9 +399,9 @@ struct Reference {
     std::string route, column, note;
 };
 
-Reference reference_of(const ConnectionOptions &o)
+Reference reference_of(Transport transport, const ConnectionOptions &o)
 {
-    switch (transport_of(o)) {
+    switch (transport) {
     case Transport::hub:
         return {"the hub " + o.hub, "raw relay",
                 "raw relay: the same engines through a relay that forwards bytes without reading them"};
@@ -444,7 +442,8 @@ int run_pubsub(const BenchOptions &o)
         throw UsageError("zel bench over ZeroMQ needs both --zmq-sub and --zmq-pub");
     const Roles roles = roles_of(o.connection, "sub", "pub");
     const Fields fields = sized({{run_tag, roles.run}}, o.size);
-    const Reference reference = reference_of(o.connection);
+    const std::string body = wire(fields);
+    const Reference reference = reference_of(transport, o.connection);
     const std::string raw_label = "zel bench pubsub, " + reference.column;
 
     double zel = engine_rate(roles, fields, o.count, "zel bench pubsub, zel", false);
@@ -457,16 +456,16 @@ int run_pubsub(const BenchOptions &o)
         const std::string watched = piece(run_tag, roles.run);
         if (transport == Transport::amqp)
             raw = zel::reference::raw_amqp_throughput(raw_broker(o.connection), zel::reference::BrokerWork::engine,
-                                                      watched, routing_key_of(fields), wire(fields), o.count,
+                                                      watched, routing_key_of(fields), body, o.count,
                                                       tick_of(progress));
         else
             raw = zel::reference::raw_zmq_throughput(
                 zmq_endpoint(o.connection.zmq_pub, "--zmq-pub"), zmq_endpoint(o.connection.zmq_sub, "--zmq-sub"),
-                watched + ".", topic_of(fields), wire(fields), o.count,
+                watched + ".", topic_of(fields), body, o.count,
                 int(o.connection.connect_timeout_s * 1000), tick_of(progress));
         progress.finish();
     }
-    print_table("zel bench pubsub: " + std::to_string(o.count) + " messages of " + std::to_string(wire(fields).size()) +
+    print_table("zel bench pubsub: " + std::to_string(o.count) + " messages of " + std::to_string(body.size()) +
                     " bytes through " + reference.route,
                 reference, {{"messages/s", zel, raw, 0}});
     return 0;
@@ -477,7 +476,7 @@ int run_reqrep(const BenchOptions &o)
     refuse_zmq(o.connection);
     const Transport transport = transport_of(o.connection);
     const Roles roles = roles_of(o.connection, "service", "requester");
-    const Reference reference = reference_of(o.connection);
+    const Reference reference = reference_of(transport, o.connection);
     const std::string raw_label = "zel bench reqrep, " + reference.column;
     const int trips = int(o.count);
 

@@ -87,4 +87,10 @@ bool pump_until(Done done, double timeout_s)
     return true;
 }
 
+// Pumps this thread's messages for `seconds`, or until the user interrupts.
+inline void pump_for(double seconds)
+{
+    pump_until([] { return false; }, seconds);
+}
+
 } // namespace zelcli

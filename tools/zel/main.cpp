@@ -48,11 +48,7 @@ int main(int argc, char **argv)
                                      add_conv(zel),   add_addrbk(zel), add_status(zel), add_bench(zel)};
     try {
         zel.parse(argc, argv);
-    } catch (const CLI::CallForHelp &e) {
-        return zel.exit(e);
-    } catch (const CLI::CallForAllHelp &e) {
-        return zel.exit(e);
-    } catch (const CLI::CallForVersion &e) {
+    } catch (const CLI::Success &e) { // --help, --help-all, --version
         return zel.exit(e);
     } catch (const CLI::ParseError &e) {
         bool unknown_command = zel.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';

@@ -10,7 +10,7 @@ namespace zelcli {
 MessageText::MessageText()
 {
     int err = 0;
-    if (!zel_ctor_vartocb(&builder_, &err) || !zel_ctor_vartocb(&reader_, &err) ||
+    if (!zel_ctor_vartocb(&builder_, &err) ||
         !zel_open_scratch(&message_, 1024, &err) || !zel_open_scratch(&text_, 1024, &err))
         throw std::bad_alloc();
 }
@@ -19,7 +19,6 @@ MessageText::~MessageText()
 {
     zel_close_scratch(&text_, nullptr);
     zel_close_scratch(&message_, nullptr);
-    zel_dtor_vartocb(&reader_, nullptr);
     zel_dtor_vartocb(&builder_, nullptr);
 }
 
@@ -75,11 +74,6 @@ scratchcb *MessageText::from_admin(std::string_view text, const Fields &prefix)
         i += 2 + items;
     }
     return message_;
-}
-
-vartocb *MessageText::parse(scratchcb *bytes)
-{
-    return zel_parse_msg(reader_, bytes, nullptr) ? reader_ : nullptr;
 }
 
 std::string MessageText::admin(vartocb *message)
@@ -140,19 +134,6 @@ std::string joined(const std::vector<std::string> &words)
     for (const std::string &word : words)
         out += (out.empty() ? "" : " ") + word;
     return out;
-}
-
-std::string quoted(std::string_view value)
-{
-    if (value.find_first_of(" \t\r\n'") == std::string_view::npos && !value.empty())
-        return std::string(value);
-    std::string out = "'";
-    for (char c : value) {
-        if (c == '\'')
-            out += '\'';
-        out += c;
-    }
-    return out + "'";
 }
 
 } // namespace zelcli

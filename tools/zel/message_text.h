@@ -15,8 +15,8 @@ namespace zelcli {
 
 using Fields = std::vector<std::pair<int, std::string>>;
 
-// Builds and reads messages with one reusable parser and buffer. A built
-// message stays valid until the next build.
+// Builds messages with one reusable builder and buffer, and writes them as
+// admin text. A built message stays valid until the next build.
 class MessageText {
 public:
     MessageText();
@@ -29,16 +29,12 @@ public:
     scratchcb *from_admin(std::string_view text, const Fields &prefix = {});
     scratchcb *from_fields(const Fields &fields);
 
-    // The first message in `bytes` parsed for reading, or null.
-    vartocb *parse(scratchcb *bytes);
-
     std::string admin(vartocb *message);
 
 private:
     bool add(int tag, std::string_view value);
 
     vartocb *builder_ = nullptr;
-    vartocb *reader_ = nullptr;
     scratchcb *message_ = nullptr;
     scratchcb *text_ = nullptr;
 };
@@ -61,8 +57,5 @@ uint64_t for_each_admin_line(std::istream &in, MessageText &text, const std::fun
 
 // Admin text given as several arguments, joined by blanks.
 std::string joined(const std::vector<std::string> &words);
-
-// A value written so the admin reader takes it as one token.
-std::string quoted(std::string_view value);
 
 } // namespace zelcli

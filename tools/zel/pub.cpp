@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "connection.h"
 #include "progress.h"
@@ -16,8 +17,7 @@ using Clock = std::chrono::steady_clock;
 struct PubOptions {
     ConnectionOptions connection;
     std::vector<std::string> words;
-    uint64_t count = 1;
-    bool count_given = false;
+    std::optional<uint64_t> count; // not given: once for a message argument, all of standard input
     double rate = 0;
     int settle_ms = 300;
 };
@@ -41,36 +41,32 @@ private:
     Clock::time_point start_;
 };
 
-// A new ZeroMQ publisher loses what it sends before its link to the
-// forwarder stands, and what is still queued when it closes: it has no way to
-// learn when either is done, so it gives each a moment.
-void settle_zmq(int ms)
-{
-    pump_until([] { return false; }, ms / 1000.0);
-}
-
 int run_pub(const PubOptions &o)
 {
     MessageText text;
     std::string given = joined(o.words);
-    if (!o.words.empty() && !text.from_admin(given))
+    scratchcb *message = o.words.empty() ? nullptr : text.from_admin(given);
+    if (!o.words.empty() && !message)
         throw UsageError("not admin text ('tag count value ...'): " + given);
 
+    // A new ZeroMQ publisher loses what it sends before its link to the
+    // forwarder stands, and what is still queued when it closes: it has no
+    // way to learn when either is done, so it gives each a moment.
     Connection connection(o.connection, Connection::Use::send);
     if (connection.is_zmq())
-        settle_zmq(o.settle_ms);
+        pump_for(o.settle_ms / 1000.0);
     Progress progress("zel pub", "messages");
     Pacer pacer(o.rate);
     std::string failure;
-    if (!o.words.empty()) {
-        scratchcb *message = text.from_admin(given);
-        for (uint64_t i = 0; (o.count == 0 || i < o.count) && !interrupted(); ++i) {
+    if (message) {
+        uint64_t count = o.count.value_or(1);
+        for (uint64_t i = 0; (count == 0 || i < count) && !interrupted(); ++i) {
             pacer.wait_turn(i);
             connection.send(message);
             progress.add();
         }
     } else {
-        uint64_t limit = o.count_given ? o.count : 0;
+        uint64_t limit = o.count.value_or(0);
         uint64_t bad_line = for_each_admin_line(
             std::cin, text, [&] { return (limit == 0 || progress.count() < limit) && !interrupted(); },
             [&](scratchcb *message) {
@@ -82,7 +78,7 @@ int run_pub(const PubOptions &o)
             failure = "line " + std::to_string(bad_line) + " is not admin text; sent the lines before it";
     }
     if (connection.is_zmq())
-        settle_zmq(o.settle_ms);
+        pump_for(o.settle_ms / 1000.0);
     else
         connection.round_trip(o.connection.connect_timeout_s);
     progress.finish();
@@ -99,17 +95,14 @@ Command add_pub(CLI::App &zel)
     CLI::App *app = zel.add_subcommand(
         "pub", "Send a message given as admin text ('tag count value ...'), or one per line of standard input.");
     app->add_option("message", o->words, "the message's admin text; without it, standard input");
-    CLI::Option *count = app->add_option(
+    app->add_option(
         "--count", o->count, "send the message N times (0: until interrupted); with standard input, at most N lines");
     app->add_option("--rate", o->rate, "at most N messages per second")->check(CLI::PositiveNumber);
     app->add_option("--settle", o->settle_ms, "ZeroMQ: milliseconds for the link to form and to drain")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     add_connection_options(app, o->connection);
-    return {app, [o, count] {
-                o->count_given = count->count() > 0;
-                return run_pub(*o);
-            }};
+    return {app, [o] { return run_pub(*o); }};
 }
 
 } // namespace zelcli

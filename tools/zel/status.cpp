@@ -53,7 +53,7 @@ int run_status(const StatusOptions &o)
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(o.timeout_s > 0 ? o.timeout_s : 1e9);
     while (!interrupted() && std::chrono::steady_clock::now() < end) {
         double left = std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-        pump_until([] { return false; }, std::min(o.interval_s, left));
+        pump_for(std::min(o.interval_s, left));
         print_meters(connection.engine());
     }
     return 0;
