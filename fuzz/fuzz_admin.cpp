@@ -1,7 +1,7 @@
 // Reads arbitrary admin text into a message, and checks that writing the
 // message as admin text and reading that back is stable.
-#include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz_util.h"
@@ -18,12 +18,10 @@ bool round_trips(vartocb *m)
     for (int more = zel_get_first_field(m, &tag, &count, &err); more;
          more = zel_get_next_field(m, &tag, &count, &err)) {
         for (int i = 0; i < count; ++i) {
-            sPChar v;
+            sPChar v{};
             last_empty = !zel_get_data(m, tag, i, &v, &err);
-            if (!last_empty)
-                for (int k = 0; k < v.len; ++k)
-                    if (v.data[k] == '\t' || v.data[k] == '\n' || v.data[k] == '\r' || v.data[k] == '\0')
-                        return false;
+            if (std::string_view(v.data, size_t(v.len)).find_first_of({"\t\n\r\0", 4}) != std::string_view::npos)
+                return false;
         }
     }
     return !last_empty;
@@ -44,30 +42,19 @@ std::string write_admin(vartocb *m, scratchcb *text)
 {
     int err;
     text->len = 0;
-    if (!varto_to_admin(m, text, &err))
-        return {};
-    return std::string(text->data, size_t(text->len));
+    return varto_to_admin(m, text, &err) ? std::string(text->data, size_t(text->len)) : std::string();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    scratchcb *wire = nullptr, *text = nullptr;
-    int err;
-    zel_open_scratch(&wire, 16, &err);
-    zel_open_scratch(&text, 16, &err);
+    OwnedScratch wire, text;
     vartocb *m = shared_vartocb();
-
-    if (read_admin(m, std::string(reinterpret_cast<const char *>(data), size), wire) && round_trips(m)) {
-        std::string first = write_admin(m, text);
-        if (!read_admin(m, first, wire) || write_admin(m, text) != first) {
-            std::fprintf(stderr, "admin text did not round-trip: [%s]\n", first.c_str());
-            std::abort();
-        }
+    if (read_admin(m, std::string(reinterpret_cast<const char *>(data), size), wire.s) && round_trips(m)) {
+        std::string first = write_admin(m, text.s);
+        bool again = read_admin(m, first, wire.s) && write_admin(m, text.s) == first;
+        require(again, "admin text did not round-trip: [%s]\n", first.c_str());
     }
-
-    zel_close_scratch(&wire, &err);
-    zel_close_scratch(&text, &err);
     return 0;
 }

@@ -1,8 +1,6 @@
 // Reads arbitrary bytes as the records of a cfg file, checks the table's
 // counters against its bounds, reads cells at and beyond its edges, and
 // empties it again.
-#include <cstdio>
-
 #include "config_fuzz_util.h"
 
 namespace {
@@ -35,11 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     sCfgTable *table = shared_table();
     add_framed_records(table, reinterpret_cast<const char *>(data), size);
-    if (!counters_within_bounds(table)) {
-        std::fprintf(stderr, "table counters out of bounds: %d rows, %d widest, %d/%d highest\n", table->rows,
-                     table->widest, table->highest_row, table->highest_column);
-        std::abort();
-    }
+    require(counters_within_bounds(table), "table counters out of bounds: %d rows, %d widest, %d/%d highest\n",
+            table->rows, table->widest, table->highest_row, table->highest_column);
     read_edges(table);
     zel::cfg::empty_table(table);
     return 0;

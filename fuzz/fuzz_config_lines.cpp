@@ -3,7 +3,6 @@
 // no NUL both read the whole input). When both load, compiles the sections,
 // reads the records back into a table and checks that every cell holds what
 // its section or its column's default gave.
-#include <cstdio>
 #include <string_view>
 
 #include "config/text_lists.h"
@@ -38,23 +37,17 @@ void check_compiled(sCfgHandle *lists)
     scratchcb out{};
     uint32_t err;
     int ignored;
-    if (!cfg_build_file_data(&out, lists, lists, &err)) {
-        std::fprintf(stderr, "compiling loaded lists failed with detail %u\n", err);
-        std::abort();
-    }
+    const bool built = cfg_build_file_data(&out, lists, lists, &err);
+    require(built, "compiling loaded lists failed with detail %u\n", err);
     ExactScratch compiled(reinterpret_cast<const uint8_t *>(out.data), size_t(out.len));
     punset_buffer_size(&out, &ignored);
     sCfgHandle table{shared_table(), nullptr, nullptr};
-    if (add_framed_records(table.table, compiled.s.data, size_t(compiled.s.len)) != lists->ini->count) {
-        std::fprintf(stderr, "a compiled record was refused\n");
-        std::abort();
-    }
+    const uint32_t taken = add_framed_records(table.table, compiled.s.data, size_t(compiled.s.len));
+    require(taken == lists->ini->count, "a compiled record was refused\n");
     for (uint32_t s = 0; s < lists->ini->count; ++s)
         for (uint32_t j = 0; j < lists->fmt->count; ++j)
-            if (!cell_matches(&table, s, j, expected_cell(lists->ini->sections[s], lists->fmt->items[j]))) {
-                std::fprintf(stderr, "cell (%u, %u) does not hold what its section gave\n", s, j);
-                std::abort();
-            }
+            require(cell_matches(&table, s, j, expected_cell(lists->ini->sections[s], lists->fmt->items[j])),
+                    "cell (%u, %u) does not hold what its section gave\n", s, j);
     zel::cfg::empty_table(table.table);
 }
 

@@ -15,19 +15,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t skip = 1 + 2 * size_t(ntags);
     ExactScratch in(data + skip, size - skip);
 
-    scratchcb *out = nullptr;
+    OwnedScratch out(8);
     int err;
-    zel_open_scratch(&out, 8, &err);
     vartocb *m = shared_vartocb();
 
-    zel_start_msg(m, out, &err);
+    zel_start_msg(m, out.s, &err);
     if (zel_parse_interested_field_in_msg(m, &in.s, tags, ntags, &err))
         read_every_field(m);
-    out->len = 0;
-    zel_start_msg(m, out, &err);
+    out.s->len = 0;
+    zel_start_msg(m, out.s, &err);
     if (zel_parse_uninterested_field_in_msg(m, &in.s, tags, ntags, &err))
         read_every_field(m);
-
-    zel_close_scratch(&out, &err);
     return 0;
 }

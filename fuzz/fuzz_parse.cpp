@@ -22,27 +22,20 @@ void walk(vartocb *m, scratchcb *in, scratchcb *copy, scratchcb *text)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     ExactScratch in(data, size);
-    scratchcb *copy = nullptr, *text = nullptr, *rebuilt = nullptr;
+    OwnedScratch copy, text, rebuilt;
     int err;
-    zel_open_scratch(&copy, 16, &err);
-    zel_open_scratch(&text, 16, &err);
-    zel_open_scratch(&rebuilt, 16, &err);
     vartocb *m = shared_vartocb();
 
-    walk(m, &in.s, nullptr, text);
-    walk(m, &in.s, copy, text);
+    walk(m, &in.s, nullptr, text.s);
+    walk(m, &in.s, copy.s, text.s);
 
     // The first message, parsed in place, copied out again.
     if (zel_parse_msg(m, &in.s, &err)) {
-        if (!zel_build_msg(m, rebuilt, &err))
-            zel_build_msg(m, rebuilt, &err);
+        if (!zel_build_msg(m, rebuilt.s, &err))
+            zel_build_msg(m, rebuilt.s, &err);
         vartocb *again = shared_vartocb(1);
-        if (zel_parse_msg(again, rebuilt, &err))
+        if (zel_parse_msg(again, rebuilt.s, &err))
             read_every_field(again);
     }
-
-    zel_close_scratch(&copy, &err);
-    zel_close_scratch(&text, &err);
-    zel_close_scratch(&rebuilt, &err);
     return 0;
 }

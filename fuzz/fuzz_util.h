@@ -4,6 +4,7 @@
 #include <zel/zel.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,6 +22,23 @@ struct ExactScratch {
     }
     ~ExactScratch() { std::free(s.data); }
 };
+
+// A scratch buffer the library allocates, closed on scope exit.
+struct OwnedScratch {
+    scratchcb *s = nullptr;
+
+    explicit OwnedScratch(int size = 16) { int err; zel_open_scratch(&s, size, &err); }
+    ~OwnedScratch() { int err; zel_close_scratch(&s, &err); }
+};
+
+// Ends the run with the message when a check fails.
+template <typename... Args> void require(bool ok, const char *format, Args... args)
+{
+    if (!ok) {
+        std::fprintf(stderr, format, args...);
+        std::abort();
+    }
+}
 
 // One vartocb for the whole run: it is large and meant to be reused.
 inline vartocb *shared_vartocb(int which = 0)

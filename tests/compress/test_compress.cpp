@@ -50,6 +50,7 @@ void *open_codec(int type)
 // One handle of each codec per test, and the buffers the calls go through.
 struct Compression : ::testing::Test {
     int err = -99;
+    unsigned long long size = 0; // what zel_compressed_size answers
     void *lzma = open_codec(ZEL_COMPRESS_LZMA), *block = open_codec(ZEL_COMPRESS_BLOCK);
     Scratch in, packed, out;
     ~Compression() override
@@ -94,10 +95,8 @@ TEST_F(Compression, HandleArgumentsAreRefusedWithDetail2ForHandlesAndDestination
     EXPECT_RESULT(zel_compress_open(nullptr, &type, &err), 0, 2);
     EXPECT_RESULT(zel_compress_open(&open, &type, &err), 0, 2);
     EXPECT_RESULT(zel_compress_open(&h, nullptr, &err), 0, 3);
-    for (int bad : {1, 0, 4, -2}) { // and the handle stays free: the open below works
-        type = bad;
-        EXPECT_RESULT(zel_compress_open(&h, &type, &err), 0, 3);
-    }
+    for (int bad : {1, 0, 4, -2}) // and the handle stays free: the open below works
+        EXPECT_RESULT(zel_compress_open(&h, &bad, &err), 0, 3);
     type = ZEL_COMPRESS_BLOCK;
     EXPECT_RESULT(zel_compress_open(&h, &type, &err), 1, 0);
     EXPECT_RESULT(zel_compress_close(&h, &err), 1, 0);
@@ -106,7 +105,6 @@ TEST_F(Compression, HandleArgumentsAreRefusedWithDetail2ForHandlesAndDestination
     EXPECT_RESULT(zel_compress_close(&h, &err), 0, 2);
     EXPECT_RESULT(zel_compress_close(nullptr, &err), 0, 2);
 
-    unsigned long long size = 0;
     exact(in, "abc");
     scratchcb none{}, empty{.len = 0, .size = 4, .alloc = 4, .data = in.s.data};
     for (auto op : {zel_compress, zel_decompress}) {
@@ -127,7 +125,6 @@ TEST_F(Compression, LzmaFrameHoldsPropertiesThenLittleEndianLengthThenAStreamWit
     ASSERT_GT(frame.size(), 13u);
     EXPECT_EQ(uint8_t(frame[0]), (2 * 5 + 0) * 9 + 3); // pb 2, lp 0, lc 3: the SDK's defaults
     EXPECT_EQ(frame.substr(5, 8), std::string("\x40\x0D\x03\0\0\0\0\0", 8)); // 200000, little-endian
-    unsigned long long size = 0;
     EXPECT_RESULT(zel_compressed_size(lzma, &packed.s, &size, &err), 1, 0);
     EXPECT_EQ(size, 200000u);
     // An exact-length decode by the SDK itself ends on the last stream byte
@@ -196,7 +193,6 @@ TEST_F(Compression, LzmaCorruptFrameEveryFaultGivesItsDetailAndNoWriteOutsideABu
         {with_length(uint64_t(INT32_MAX) + 1), 7}, {with_length(~0ull), 7}};            // none fits a buffer
     for (size_t i = 0; i < faults.size(); ++i)
         EXPECT_EQ(unpack(lzma, faults[i].first), faults[i].second) << "fault " << i;
-    unsigned long long size = 0;
     exact(in, frame.substr(0, 12));
     EXPECT_RESULT(zel_compressed_size(lzma, &in.s, &size, &err), 0, 8);
     exact(in, with_length(~0ull));

@@ -34,11 +34,14 @@ struct Tree {
     int err = 0;
     Keys keys; // the bytes every stored key points at
 
-    explicit Tree(int mode, zel_btree_compare_fn compare = nullptr)
+    // Opens a tree in `mode` and inserts `initial` in that order.
+    explicit Tree(int mode, const Keys &initial = {}, zel_btree_compare_fn compare = nullptr)
     {
         keys.reserve(1000);
         sZELBtreeParams p{7, 8, mode, &keys, nullptr, compare};
         EXPECT_RESULT(zel_btree_open(&t, &p, &err), 1, 1);
+        for (const std::string &k : initial)
+            EXPECT_EQ(insert(k), 1) << k;
     }
     ~Tree() { zel_btree_close(&t, &err); }
 
@@ -75,11 +78,8 @@ struct Tree {
 // equal by it stay in the order they arrived.
 TEST(BtreeByteOrder, KeepsKeysInOrderAcrossPartitions)
 {
-    Tree t(0);
     const std::string nul("\0nul", 4), ca("c\0a", 3), cb("c\0b", 3);
-    for (const std::string &k : Keys{nul, "b", "a", "c", ca, "zeta", "alpha", "Beta", "alphabet", "al", "0", "cz",
-                                     cb, "zebra", "z"})
-        ASSERT_EQ(t.insert(k), 1) << k;
+    Tree t(0, {nul, "b", "a", "c", ca, "zeta", "alpha", "Beta", "alphabet", "al", "0", "cz", cb, "zebra", "z"});
     Keys sorted = {nul, "0", "Beta", "a", "al", "alpha", "alphabet", "b", "c", ca, cb, "cz", "z", "zebra", "zeta"};
     EXPECT_EQ(t.forward(), sorted);
     EXPECT_EQ(t.walk(false), Keys(sorted.rbegin(), sorted.rend()));
@@ -92,9 +92,7 @@ TEST(BtreeByteOrder, KeepsKeysInOrderAcrossPartitions)
 
 TEST(BtreeByteOrder, RangeSearchesFindTheNeighboursOfAnyKey)
 {
-    Tree t(0);
-    for (const char *k : {"Beta", "al", "alpha", "alphabet", "zeta"})
-        t.insert(k);
+    Tree t(0, {"Beta", "al", "alpha", "alphabet", "zeta"});
     // A key, the first key not less than it and the last key less than it; "b" crosses empty partitions.
     for (const auto &[k, at_least, less] : std::vector<std::array<std::string, 3>>{
              {"alp", "alpha", "al"}, {"alpha", "alpha", "al"}, {"b", "zeta", "alphabet"}, {"A", "Beta", "-"},
@@ -107,9 +105,7 @@ TEST(BtreeByteOrder, RangeSearchesFindTheNeighboursOfAnyKey)
 
 TEST(BtreeDelete, UnlinksFromTheOrderAndItsPartition)
 {
-    Tree t(0);
-    for (const char *k : {"a1", "a2", "a3", "b1", "c1"})
-        t.insert(k);
+    Tree t(0, {"a1", "a2", "a3", "b1", "c1"});
     int &err = t.err;
     void *value = nullptr;
     for (std::string s : {"a1", "a3", "b1"}) {
@@ -132,10 +128,8 @@ TEST(BtreeDelete, UnlinksFromTheOrderAndItsPartition)
 
 TEST(BtreeCallerOrder, ChecksTheTailFirstAndRefusesEqualKeys)
 {
-    Tree t(1, numeric_order);
     compare_calls = 0;
-    for (const char *k : {"1", "2", "3", "4"})
-        t.insert(k);
+    Tree t(1, {"1", "2", "3", "4"}, numeric_order);
     EXPECT_EQ(compare_calls, 3); // ascending: one comparison each after the first
     for (const char *k : {"10", "0", "25"})
         t.insert(k);
@@ -143,9 +137,7 @@ TEST(BtreeCallerOrder, ChecksTheTailFirstAndRefusesEqualKeys)
     for (const char *k : {"010", "025"}) // equal to an inner key and to the tail by the caller's order
         EXPECT_RESULT(t.insert(k), 0, 9);
     EXPECT_EQ(t.forward(), (Keys{"0", "1", "2", "3", "4", "10", "25"}));
-    EXPECT_EQ(t.lower_bound("5"), "10");
-    EXPECT_EQ(t.lower_bound("10"), "10");
-    EXPECT_EQ(t.below("5"), "4");
+    EXPECT_EQ((Keys{t.lower_bound("5"), t.lower_bound("10"), t.below("5")}), (Keys{"10", "10", "4"}));
 }
 
 int broken_order(sPChar *, sZELBtreeKeycb *, int *result, int *)
@@ -156,14 +148,12 @@ int broken_order(sPChar *, sZELBtreeKeycb *, int *result, int *)
 
 TEST(BtreeBadInput, RefusalsHaveTheirDetailsAndChangeNothing)
 {
-    Tree broken(1, broken_order);
-    broken.insert("first");
+    Tree broken(1, {"first"}, broken_order);
     EXPECT_EQ(std::make_pair(broken.insert("second"), broken.err), std::make_pair(0, 5));
     EXPECT_EQ(broken.forward(), Keys{"first"});
 
-    Tree t(0);
+    Tree t(0, {"k"});
     int &err = t.err;
-    EXPECT_EQ(t.insert("k"), 1);
     for (const auto &[k, detail] : {std::pair{"k", 9}, {"", 4}, {"\x80high", 4}}) // a duplicate, no bytes, no partition
         EXPECT_RESULT(t.insert(k), 0, detail);
     std::string s = "v";

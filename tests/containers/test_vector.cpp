@@ -60,10 +60,9 @@ TEST_F(VectorTest, CursorNeedsFirstRunsToTheEndAndThenNeedsFirstAgain)
 TEST_F(VectorTest, InsertionsAndDeletionsShiftTheFollowingElementsAndAreMetered)
 {
     add({1, 2, 3});
-    int zero = 0, nine = 9, seven = 7, five = 5, index = -1, found = -1;
-    EXPECT_RESULT(zel_vec_add_at(v, &zero, 0, &err), 1, 1);
-    EXPECT_RESULT(zel_vec_add_at(v, &nine, 4, &err), 1, 1); // at the count: appends
-    EXPECT_RESULT(zel_vec_add_at(v, &seven, 2, &err), 1, 1);
+    int five = 5, index = -1, found = -1;
+    for (auto [x, at] : {std::pair{0, 0}, {9, 4}, {7, 2}}) // 9 at the count: appends
+        EXPECT_RESULT(zel_vec_add_at(v, &x, at, &err), 1, 1);
     EXPECT_EQ(contents(), (Ints{0, 1, 7, 2, 3, 9}));
     EXPECT_RESULT(zel_vec_del_at(v, 2, &err), 1, 1);
     EXPECT_RESULT(zel_vec_del_first(v, &err), 1, 1);

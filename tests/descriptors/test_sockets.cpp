@@ -61,15 +61,27 @@ struct Client {
     }
 };
 
+// A client of a listener on 127.0.0.1 and, once connected, the peer the test
+// plays; all of them end with the test.
+struct TcpRecords : ::testing::Test {
+    LoopbackSocket listener{SOCK_STREAM, true};
+    Client client;
+    int peer = -1;
+    ~TcpRecords() override { close(peer); }
+
+    void connect(uint32_t blocking = 1)
+    {
+        ASSERT_EQ(client.open(listener.address, SYS_SD_TCP, blocking), 1u) << client.err;
+        peer = accept_peer(listener);
+    }
+};
+
 } // namespace
 
-TEST(TcpRecords, RecordsOfNoOneAndManyBytesCrossWholeBothWaysWhateverThePieces)
+TEST_F(TcpRecords, RecordsOfNoOneAndManyBytesCrossWholeBothWaysWhateverThePieces)
 {
-    LoopbackSocket listener(SOCK_STREAM, true);
-    Client client;
-    ASSERT_EQ(client.open(listener.address), 1u) << client.err;
-    const int peer = accept_peer(listener);
-    std::thread echo([peer] {
+    connect();
+    std::thread echo([peer = peer] {
         for (int i = 0; i < 3; ++i) {
             const std::string bytes = framed(receive_record(peer));
             send_bytes(peer, bytes.substr(0, 2)); // the length itself split in two
@@ -83,15 +95,11 @@ TEST(TcpRecords, RecordsOfNoOneAndManyBytesCrossWholeBothWaysWhateverThePieces)
     }
     shutdown(peer, SHUT_RDWR); // ends an echo that a failed test left waiting
     echo.join();
-    close(peer);
 }
 
-TEST(TcpRecords, ANonBlockingReadAnswers4UntilTheWholeRecordHasArrived)
+TEST_F(TcpRecords, ANonBlockingReadAnswers4UntilTheWholeRecordHasArrived)
 {
-    LoopbackSocket listener(SOCK_STREAM, true);
-    Client client;
-    ASSERT_EQ(client.open(listener.address, SYS_SD_TCP, 0), 1u) << client.err;
-    const int peer = accept_peer(listener);
+    connect(0);
     const std::string bytes = framed("split record");
     EXPECT_EQ(client.read(), "<4>") << "nothing there";
     send_bytes(peer, bytes.substr(0, 2));
@@ -102,38 +110,32 @@ TEST(TcpRecords, ANonBlockingReadAnswers4UntilTheWholeRecordHasArrived)
     EXPECT_EQ(client.read(), "split record");
     send_bytes(peer, length_prefix(64u << 20));
     EXPECT_EQ(client.read(), "<4>") << "a record of 64 MiB is waited for";
-    close(peer);
 }
 
-TEST(TcpRecords, APeerThatClosesGives31AndALengthAbove64MiBGives5AndDropsTheConnection)
+TEST_F(TcpRecords, APeerThatClosesGives31AndALengthAbove64MiBGives5AndDropsTheConnection)
 {
-    LoopbackSocket listener(SOCK_STREAM, true);
-    Client early, client;
+    Client early;
     ASSERT_EQ(early.open(listener.address), 1u);
     close(accept_peer(listener));
     EXPECT_EQ(early.read(), "<31>");
-    ASSERT_EQ(client.open(listener.address), 1u);
-    const int peer = accept_peer(listener);
+    connect();
     send_bytes(peer, length_prefix((64u << 20) + 1));
     EXPECT_EQ(client.read(), "<5>");
     EXPECT_EQ(client.read(), "<31>") << "dropped";
     EXPECT_TRUE(!client.write("x") && client.err == 31u);
-    close(peer);
 }
 
-TEST(TcpRecords, ReconnectReachesTheReconnectAddress)
+TEST_F(TcpRecords, ReconnectReachesTheReconnectAddress)
 {
-    LoopbackSocket first(SOCK_STREAM, true), second(SOCK_STREAM, true);
-    Client client;
-    ASSERT_EQ(client.open(first.address, SYS_SD_TCP, 1, second.address), 1u);
+    LoopbackSocket second(SOCK_STREAM, true);
+    ASSERT_EQ(client.open(listener.address, SYS_SD_TCP, 1, second.address), 1u);
     EXPECT_TRUE(client.write("to first"));
-    const int at_first = accept_peer(first);
-    EXPECT_EQ(receive_record(at_first), "to first");
+    peer = accept_peer(listener);
+    EXPECT_EQ(receive_record(peer), "to first");
     EXPECT_EQ(sys_sd_reconnt(client.sd, &client.err), 1u) << client.err;
     EXPECT_TRUE(client.write("to second"));
     const int at_second = accept_peer(second);
     EXPECT_EQ(receive_record(at_second), "to second");
-    close(at_first);
     close(at_second);
 }
 

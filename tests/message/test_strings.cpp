@@ -95,12 +95,10 @@ TEST(CountedString, CompareIsEqualityCompareMatchOrdersWithDetail1AndQuicksortFo
     EXPECT_EQ(pchar_compare_match(&pl, &pr, &err), 0); // only the counted bytes take part
     EXPECT_RESULT(pchar_compare_match(&ab, &empty, &err), 0, 2);
     Strings words = {"b", "a", "ab", "\xff", "\x80", "a", "ba", "10", "9", "b", "abc", "1", "a"}, sorted;
-    std::vector<sPChar> array;
-    for (const auto &w : words)
-        array.push_back(pc(w));
+    std::vector<sPChar> array(words.size());
+    std::ranges::transform(words, array.begin(), [](const std::string &w) { return pc(w); });
     EXPECT_RESULT(p_quicksort_pchars(array.data(), int(array.size()), &err), 1, 0);
-    for (const auto &p : array)
-        sorted.push_back(str(p));
+    std::ranges::transform(array, std::back_inserter(sorted), str);
     std::sort(words.begin(), words.end()); // byte order, as unsigned characters
     EXPECT_EQ(sorted, words);
 }
