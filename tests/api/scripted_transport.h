@@ -22,13 +22,15 @@ struct ScriptedWorker : CVartoWorker {
         w.end_first_attempt(connected_once);
         w.wait_for_stop();
     };
-    std::function<void(unsigned)> on_timer;
+    std::function<void(unsigned)> on_timer = [](unsigned) {};
     std::atomic<int> serves{0}, recovers{0}, wakes{0};
+    static inline std::atomic<int> serves_ended{0}; // by any worker: outlives the engine
 
     int serve() override
     {
         ++serves;
         script(*this);
+        ++serves_ended;
         return 1;
     }
     int recover() override { return ++recovers; }
@@ -40,11 +42,7 @@ struct ScriptedWorker : CVartoWorker {
         wakes.notify_all();
         return woken;
     }
-    void timer_fired(unsigned id) override
-    {
-        if (on_timer)
-            on_timer(id);
-    }
+    void timer_fired(unsigned id) override { on_timer(id); }
     void wait_for_stop()
     {
         // A real worker notices the stop on its next receive pass; here the
@@ -58,7 +56,6 @@ struct RecordingEngine : CVartoEngine {
     ScriptedWorker worker;
     std::vector<std::string> calls; // slot names, in call order
     std::string description;
-    int answer = 7;                 // what every slot answers
     std::vector<const sWatchData *> rebound;
 
     ~RecordingEngine() override { stop_worker(); }
@@ -73,7 +70,7 @@ struct RecordingEngine : CVartoEngine {
     int record(const char *slot)
     {
         calls.push_back(slot);
-        return answer;
+        return 7; // any success
     }
     int addRqDontStore(void **, void *, CZelReceiver *, void *, int *) override { return record("addRqDontStore"); }
     int addWatch(void **, int *, sPChar *, int, void *, void *, bool, long, bool, bool, int *) override

@@ -5,6 +5,7 @@
 #include <zel/engine.h>
 
 #include <array>
+#include <initializer_list>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -20,6 +21,15 @@ const char *const success = "connection success";
 const char *const not_open = "connection not open";
 const char *const retry = "recovery attempt failed, trying again";
 const char *const given_up = "no of reconnection attempts limit breached. shutting down.";
+
+// Reports `texts` in order from a worker thread of its own.
+void report_from_worker(CIntRxWnd &window, std::initializer_list<const char *> texts)
+{
+    std::thread([&] {
+        for (const char *text : texts)
+            window.monitor().report(0, text);
+    }).join();
+}
 
 TEST(StatusRules, EachReportFromEachStatusGivesItsNextStatusAndNotification)
 {
@@ -45,60 +55,43 @@ TEST(StatusRules, EachReportFromEachStatusGivesItsNextStatusAndNotification)
         }
 }
 
-TEST(ConnectionMonitor, TheListenerHearsEachNotificationOnThePumpingThreadWithTheCurrentStatus)
-{
-    CIntRxWnd window;
-    Listener listener;
-    window.set_listener(&listener);
-    std::thread([&] {
-        window.monitor().report(0, success);
-        window.monitor().report(0, not_open);
-    }).join();
-    EXPECT_EQ(window.status(), ZEL_STATUS_LOST);
-    EXPECT_TRUE(listener.seen.empty()); // nothing before the pump
-    pump_all();
-    EXPECT_EQ(listener.seen, (std::vector<int>{4, 4})); // both see the status of the moment
-    std::thread([&] {
-        for (int i = 0; i < 3; ++i)
-            window.monitor().report(0, retry);
-        window.monitor().report(0, not_open);
-        window.monitor().report(0, "publish failed");
-    }).join();
-    EXPECT_EQ(window.status(), ZEL_STATUS_RECOVERING);
-    pump_all();
-    EXPECT_EQ(listener.seen, (std::vector<int>{4, 4, 3}));
-    CIntRxWnd unheard; // a notification without a listener is not kept for a later one
-    unheard.monitor().report(0, success);
-    EXPECT_EQ(unheard.status(), ZEL_STATUS_CONNECTED);
-    pump_all();
-    Listener late;
-    unheard.set_listener(&late);
-    pump_all();
-    EXPECT_TRUE(late.seen.empty());
-}
-
-TEST(ConnectionMonitor, WhileConnectedEveryReportRebindsEveryWatchNewestFirst)
+// What reports lead to, on one window: while connected each one binds every
+// watch again, newest first; its notification reaches the listener on the
+// pumping thread with the status of that moment, and none waits for a later
+// listener.
+TEST(ConnectionMonitor, WhileConnectedReportsRebindEveryWatchAndTheListenerHearsOnThePumpingThread)
 {
     CIntRxWnd window;
     RecordingEngine engine;
     window.set_engine(&engine);
+    Listener listener;
+    window.set_listener(&listener);
     std::vector<const sWatchData *> &rebound = engine.rebound;
     std::vector<sWatchData *> w;
     for (int i = 0; i < 3; ++i)
         window.add_watch(w.emplace_back(new sWatchData{{5}, {std::to_string(i)}, nullptr, nullptr, "", ""}));
-    window.monitor().report(0, retry); // not connected: nothing to bind
+    report_from_worker(window, {retry}); // not connected: nothing to bind
     EXPECT_TRUE(rebound.empty());
-    window.monitor().report(0, success);
-    window.monitor().report(0, "publish failed"); // still connected: all again
+    report_from_worker(window, {success, "publish failed"}); // still connected: all again
     EXPECT_EQ(rebound, (std::vector<const sWatchData *>{w[2], w[1], w[0], w[2], w[1], w[0]}));
-    rebound.clear();
-    for (const char *text : {not_open, not_open, retry})
-        window.monitor().report(0, text);
-    EXPECT_TRUE(rebound.empty());
-    EXPECT_TRUE(window.remove_watch(w[1]));
-    window.monitor().report(0, success);
-    EXPECT_EQ(rebound, (std::vector<const sWatchData *>{w[2], w[0]}));
+    EXPECT_TRUE(listener.seen.empty()); // nothing before the pump
     pump_all();
+    EXPECT_EQ(listener.seen, (std::vector<int>{2, 2})); // both hear the status of the moment
+
+    rebound.clear();
+    report_from_worker(window, {not_open, not_open, retry});
+    EXPECT_TRUE(rebound.empty());
+    pump_all();
+    EXPECT_EQ(listener.seen, (std::vector<int>{2, 2, 3}));
+    EXPECT_TRUE(window.remove_watch(w[1]));
+    report_from_worker(window, {success});
+    EXPECT_EQ(rebound, (std::vector<const sWatchData *>{w[2], w[0]}));
+
+    window.set_listener(nullptr); // the last notification is unheard, and not kept for a later listener
+    pump_all();
+    window.set_listener(&listener);
+    pump_all();
+    EXPECT_EQ(listener.seen, (std::vector<int>{2, 2, 3}));
 }
 
 } // namespace
