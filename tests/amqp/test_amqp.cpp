@@ -8,10 +8,8 @@
 #include <zel/engine.h>
 
 #include <amqp.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 
 #include <functional>
 #include <mutex>
@@ -30,9 +28,7 @@
 
 namespace {
 
-using zel::test::admin_text;
 using zel::test::build_message;
-using zel::test::Fields;
 using zel::test::RabbitBroker;
 using zel::test::ReconnectDelays;
 using zel::test::Recorder;
@@ -108,8 +104,7 @@ TEST(AmqpBroker, WatchesServicesAndRepliesMeetBetweenEnginesOnBindingsThatFollow
 {
     std::string requester_name = unique_name("requester"), server_name = unique_name("server");
     Client server(server_name), requester(requester_name);
-    ASSERT_TRUE(server.connect());
-    ASSERT_TRUE(requester.connect());
+    ASSERT_TRUE(server.connect() && requester.connect());
     Recorder prices, service, replies;
     requester.watch({5, 3}, {"IBM", ""}, &prices);
     // The reply names its requester, whose queue is bound to its name.
@@ -117,8 +112,7 @@ TEST(AmqpBroker, WatchesServicesAndRepliesMeetBetweenEnginesOnBindingsThatFollow
         server.send({{32767, "1"}, {32760, zel::test::request_number(request)}, {100, requester_name}});
     };
     ASSERT_EQ(server.serve("quotes", &service), 1);
-    ASSERT_TRUE(server.settle());
-    ASSERT_TRUE(requester.settle());
+    ASSERT_TRUE(server.settle() && requester.settle());
 
     server.send({{3, "x"}, {5, "MSFT"}});
     server.send({{5, "IBM"}});         // no field 3: no match

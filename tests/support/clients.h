@@ -80,10 +80,7 @@ struct Recorder : CZelReceiver {
         requests.push_back(request);
         return processMsg(reply, kind, nullptr, context, nullptr);
     }
-    bool saw(const std::string &text) const
-    {
-        return std::find(messages.begin(), messages.end(), text) != messages.end();
-    }
+    bool saw(const std::string &text) const { return std::ranges::find(messages, text) != messages.end(); }
 };
 
 struct StatusLog : CZelListener {
@@ -96,22 +93,15 @@ struct StatusLog : CZelListener {
 };
 
 // Counts the alerts raised while it lives, from any thread.
-class AlertLog {
-public:
+struct AlertLog {
+    static inline std::atomic<size_t> raised{0};
     AlertLog()
     {
-        raised() = 0;
-        zel_set_alert_handler([](const char *) { ++raised(); });
+        raised = 0;
+        zel_set_alert_handler([](const char *) { ++raised; });
     }
     ~AlertLog() { zel_set_alert_handler(nullptr); }
-    size_t count() { return raised(); }
-
-private:
-    static std::atomic<size_t> &raised()
-    {
-        static std::atomic<size_t> count{0};
-        return count;
-    }
+    size_t count() { return raised; }
 };
 
 // A connection; the suite's own type opens it.

@@ -49,10 +49,7 @@ public:
     // A `receive_buffer` other than 0 sets the socket's receive buffer first.
     static FrameSocket connect_to(int port, int receive_buffer = 0)
     {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(uint16_t(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
         FrameSocket socket(with_receive_buffer(::socket(AF_INET, SOCK_STREAM, 0), receive_buffer));
         if (::connect(socket.fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
             throw std::runtime_error("connect failed");

@@ -14,9 +14,7 @@ namespace zel::test {
 inline int bound_loopback_socket(int type, int *port)
 {
     int s = ::socket(AF_INET, type, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof a;
     if (s < 0 || ::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
         ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &size) != 0)

@@ -18,7 +18,7 @@
 
 namespace zel::test {
 
-class ToolProcess {
+class ToolProcess : public ChildProcess {
 public:
     explicit ToolProcess(std::vector<std::string> args, const std::string &input = "")
     {
@@ -30,17 +30,12 @@ public:
             throw std::runtime_error("stdin");
         ::close(in);
     }
+    // The base kills the tool after its outputs are closed.
     ~ToolProcess()
     {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
         ::close(out_fd_);
         ::close(err_fd_);
     }
-    ToolProcess(const ToolProcess &) = delete;
-    ToolProcess &operator=(const ToolProcess &) = delete;
 
     // Reads until standard error holds `text`: false when the tool ended or
     // fell silent for longer than patience first.
@@ -59,10 +54,7 @@ public:
         while (out_fd_ >= 0 || err_fd_ >= 0)
             if (std::chrono::steady_clock::now() > deadline || !read_some(patience()))
                 break;
-        ::kill(pid_, SIGKILL);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
+        int status = stop(SIGKILL);
         return out_fd_ < 0 && err_fd_ < 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     void signal(int number) { ::kill(pid_, number); }
@@ -94,7 +86,6 @@ private:
         return out_fd_ >= 0 || err_fd_ >= 0;
     }
 
-    pid_t pid_ = -1;
     int out_fd_ = -1, err_fd_ = -1;
 };
 

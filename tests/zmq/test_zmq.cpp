@@ -86,9 +86,8 @@ struct RawSocket {
     void *context = zmq_ctx_new();
     void *socket;
     int port = 0;
-    RawSocket(int type, int wait_ms)
+    RawSocket(int type, int wait_ms) : socket(zmq_socket(context, type))
     {
-        socket = zmq_socket(context, type);
         if (type == ZMQ_SUB)
             zmq_setsockopt(socket, ZMQ_SUBSCRIBE, "", 0);
         zmq_setsockopt(socket, ZMQ_RCVTIMEO, &wait_ms, sizeof wait_ms);
@@ -127,16 +126,14 @@ TEST(Zmq, ASubscriberSubscribesItsOwnAndItsWatchesFiltersAndTakesOnlyWholeMessag
     {
         Client first("ZMQ_SUB", peer.port, "own");
         Client second("ZMQ_SUB", peer.port, "own");
-        std::vector<std::string> own;
-        for (int i = 0; i < 4; ++i)
-            own.push_back(peer.subscription());
-        std::sort(own.begin(), own.end());
+        std::vector<std::string> own(4);
+        std::ranges::generate(own, [&] { return peer.subscription(); });
+        std::ranges::sort(own);
         // Each connection takes the next number of the process's counter.
         int n = std::atoi(own[0].c_str() + std::strlen("+^32761.own_"));
-        EXPECT_EQ(own, (std::vector<std::string>{"+^32761.own_" + std::to_string(n),
-                                                 "+^32761.own_" + std::to_string(n + 1),
-                                                 "+set_device_aka|own_" + std::to_string(n),
-                                                 "+set_device_aka|own_" + std::to_string(n + 1)}));
+        std::string number = std::to_string(n), next = std::to_string(n + 1);
+        EXPECT_EQ(own, (std::vector<std::string>{"+^32761.own_" + number, "+^32761.own_" + next,
+                                                 "+set_device_aka|own_" + number, "+set_device_aka|own_" + next}));
     }
     for (int i = 0; i < 4; ++i) // gone with their sockets
         EXPECT_EQ(peer.subscription()[0], '-');
