@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/ports.h"
@@ -17,6 +18,20 @@ namespace {
 
 using zel::test::run_tool;
 using zel::test::ToolProcess;
+using zel::test::ToolRun;
+
+// A run's exit status and both its outputs, to be compared at once.
+std::tuple<int, std::string, std::string> outcome(const ToolRun &run) { return {run.status, run.out, run.err}; }
+
+// Runs the tool and checks its exit status and that its standard output
+// holds `part`.
+ToolRun expect_tool(const std::vector<std::string> &args, int status, const std::string &part)
+{
+    ToolRun run = run_tool(args);
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_NE(run.out.find(part), std::string::npos) << run.out;
+    return run;
+}
 
 struct AtHub : ::testing::Test {
     zel::test::ZelhubProcess hub;
@@ -41,19 +56,14 @@ TEST_F(AtHub, ToolSubscribesPublishesAsksAndServes)
 
     ToolProcess serve({"serve", "quote", "--hub", at, "--count", "2"});
     ASSERT_TRUE(serve.wait_for_error_text("zel serve: ready")) << serve.err;
-    auto echoed = run_tool({"req", "quote", "55 1 EURUSD 7 2 x y", "--hub", at});
-    EXPECT_EQ(echoed.status, 0) << echoed.err;
+    auto echoed = expect_tool({"req", "quote", "55 1 EURUSD 7 2 x y", "--hub", at}, 0, " 55 1 EURUSD 7 1 x 7 1 y\n");
     EXPECT_EQ(echoed.out.rfind("32767 1 1 32760 1 ", 0), 0u) << echoed.out;
-    EXPECT_NE(echoed.out.find(" 55 1 EURUSD 7 1 x 7 1 y\n"), std::string::npos) << echoed.out;
     // A reply script answers with the fields it writes.
     ToolProcess scripted({"serve", "calc", "--hub", at, "--count", "1", "--reply", "read r; echo \"9 1 seen\""});
     ASSERT_TRUE(scripted.wait_for_error_text("zel serve: ready")) << scripted.err;
-    auto computed = run_tool({"req", "calc", "--hub", at, "--json"});
-    EXPECT_EQ(computed.status, 0) << computed.err;
-    EXPECT_NE(computed.out.find("\"9\":\"seen\"}"), std::string::npos) << computed.out;
+    expect_tool({"req", "calc", "--hub", at, "--json"}, 0, "\"9\":\"seen\"}");
     EXPECT_EQ(scripted.finish(), 0);
-    auto second = run_tool({"req", "quote", "--hub", at});
-    EXPECT_EQ(second.status, 0) << second.err;
+    expect_tool({"req", "quote", "--hub", at}, 0, "32767 1 1 32760 1 ");
     EXPECT_EQ(serve.finish(), 0);
     EXPECT_NE(serve.out.find("0 1 quote 55 1 EURUSD 7 1 x 7 1 y 32760 1 "), std::string::npos) << serve.out;
 }
@@ -84,15 +94,12 @@ TEST(Tool, ConvertsTextToRecordsAndBack)
     ASSERT_EQ(binary.status, 0) << binary.err;
     EXPECT_EQ(binary.out.compare(0, 2, "BB"), 0);
     // The direction follows from the input.
-    auto back = run_tool({"conv"}, binary.out);
-    EXPECT_EQ(back.status, 0) << back.err;
-    EXPECT_EQ(back.out, text);
+    EXPECT_EQ(outcome(run_tool({"conv"}, binary.out)), std::make_tuple(0, text, ""));
 
     // Bad input: what came before it is converted, the rest refused.
-    auto truncated = run_tool({"conv"}, binary.out.substr(0, binary.out.size() - 3));
-    EXPECT_EQ(truncated.status, 1);
-    EXPECT_EQ(truncated.out, "55 1 EURUSD 44 1 1.0841\n");
-    EXPECT_EQ(truncated.err, "zel: the input is not well formed from byte 30, after 1 messages\n");
+    EXPECT_EQ(outcome(run_tool({"conv"}, binary.out.substr(0, binary.out.size() - 3))),
+              std::make_tuple(1, "55 1 EURUSD 44 1 1.0841\n",
+                              "zel: the input is not well formed from byte 30, after 1 messages\n"));
     auto bad_line = run_tool({"conv", "--to", "binary"}, "1 1 a\n1 2 b\n");
     EXPECT_EQ(bad_line.status, 1);
     EXPECT_EQ(run_tool({"conv"}, bad_line.out).out, "1 1 a\n");
@@ -102,12 +109,8 @@ TEST(Tool, ConvertsTextToRecordsAndBack)
 TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
 {
     std::string hub = "127.0.0.1:" + std::to_string(zel::test::free_loopback_port());
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string says;
-    };
-    const Case cases[] = {
+    // The arguments, the exit status and the first line the tool says.
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{}, 2, "zel: A subcommand is required\n"},
         {{"publish"}, 2, "zel: unknown subcommand 'publish'\n"},
         {{"sub", "--hub", hub, "--amqp", hub, "5=x"}, 2, "zel: give one of --hub, --amqp, or --zmq-sub/--zmq-pub\n"},
@@ -119,43 +122,33 @@ TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
         {{"addrbk", "set", "key"}, 2, "zel: give the address book with --addrbk HOST:PORT (or PL_LOC_BROK_ADDR)\n"},
         {{"addrbk", "get", "key", "--addrbk", hub}, 1, "zel: cannot reach the address book at " + hub + "\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &[args, status, says] : cases) {
         auto started = std::chrono::steady_clock::now();
-        auto run = run_tool(c.args);
-        EXPECT_EQ(run.status, c.status) << c.says;
-        EXPECT_EQ(run.err.substr(0, run.err.find('\n') + 1), c.says);
+        auto run = run_tool(args);
+        EXPECT_EQ(run.status, status) << says;
+        EXPECT_EQ(run.err.substr(0, run.err.find('\n') + 1), says);
         EXPECT_LT(std::chrono::steady_clock::now() - started, zel::test::patience(5000));
     }
-    for (const char *command : {"sub", "pub", "req", "serve", "conv", "addrbk", "status"}) {
-        auto help = run_tool({command, "--help"});
-        EXPECT_EQ(help.status, 0) << command;
-        EXPECT_NE(help.out.find("Usage: zel " + std::string(command)), std::string::npos) << help.out;
-    }
+    for (const std::string command : {"sub", "pub", "req", "serve", "conv", "addrbk", "status"})
+        expect_tool({command, "--help"}, 0, "Usage: zel " + command);
 }
 
 TEST_F(AtHub, ToolKeepsAddressesShowsTheConnectionAndMeasuresTheHubBesideARawRelay)
 {
     EXPECT_EQ(run_tool({"addrbk", "set", "quotes", "10.1.2.3:7000", "--addrbk", at}).status, 0);
-    auto found = run_tool({"addrbk", "get", "quotes", "--addrbk", at});
-    EXPECT_EQ(found.status, 0) << found.err;
-    EXPECT_EQ(found.out, "10.1.2.3:7000\n");
+    EXPECT_EQ(outcome(run_tool({"addrbk", "get", "quotes", "--addrbk", at})),
+              std::make_tuple(0, "10.1.2.3:7000\n", ""));
     EXPECT_EQ(run_tool({"addrbk", "rm", "quotes", "--addrbk", at}).status, 0);
-    auto gone = run_tool({"addrbk", "get", "quotes", "--addrbk", at});
-    EXPECT_EQ(gone.status, 1);
-    EXPECT_EQ(gone.err, "zel: no entry for 'quotes'\n");
+    EXPECT_EQ(outcome(run_tool({"addrbk", "get", "quotes", "--addrbk", at})),
+              std::make_tuple(1, "", "zel: no entry for 'quotes'\n"));
 
-    auto status = run_tool({"status", "--hub", at, "--interval", "0.05", "--timeout", "0.12"});
-    EXPECT_EQ(status.status, 0) << status.err;
-    EXPECT_NE(status.out.find(" status 2 connected\n"), std::string::npos) << status.out;
+    auto status = expect_tool({"status", "--hub", at, "--interval", "0.05", "--timeout", "0.12"}, 0,
+                              " status 2 connected\n");
     EXPECT_NE(status.out.find(" meters: watches 0, "), std::string::npos) << status.out;
-    auto no_reply = run_tool({"req", "nobody", "--hub", at, "--timeout", "0.2"});
-    EXPECT_EQ(no_reply.status, 1);
-    EXPECT_EQ(no_reply.err, "zel: no reply from 'nobody' within 0.2 s\n");
-    for (const char *kind : {"pubsub", "reqrep"}) {
-        auto run = run_tool({"bench", kind, "--count", "200", "--hub", at});
-        EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_NE(run.out.find("ratio"), std::string::npos) << run.out;
-    }
+    EXPECT_EQ(outcome(run_tool({"req", "nobody", "--hub", at, "--timeout", "0.2"})),
+              std::make_tuple(1, "", "zel: no reply from 'nobody' within 0.2 s\n"));
+    for (const char *kind : {"pubsub", "reqrep"})
+        expect_tool({"bench", kind, "--count", "200", "--hub", at}, 0, "ratio");
 }
 
 } // namespace

@@ -24,12 +24,7 @@ using zel::test::build_message;
 using zel::test::FrameListener;
 using zt::pc;
 
-std::string value(const sPChar &s) { return s.data ? zt::str(s) : "(null)"; }
-
-void point_service_at(int port)
-{
-    ::setenv("PL_LOC_BROK_ADDR", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
-}
+void point_service_at(int port) { ::setenv("PL_LOC_BROK_ADDR", ("127.0.0.1:" + std::to_string(port)).c_str(), 1); }
 
 using zt::Strings;
 
@@ -56,7 +51,7 @@ Lookup lookup(const std::string &key, const std::function<void(zel::test::FrameS
         sPChar key_text = pc(key);
         out.result = p_addr_get_details_from_addrbk(&key_text, pairs, pairs + 2, pairs + 4, &out.kind, &out.detail);
         for (int i = 0; i < 6; ++i) {
-            out.pairs.push_back(value(pairs[i]));
+            out.pairs.push_back(pairs[i].data ? zt::str(pairs[i]) : "(null)");
             if (pairs[i].data && pairs[i].data != kBefore[size_t(i)].data())
                 pchar_destroy_mem(&pairs[i], nullptr); // the lookup's own copy
         }
@@ -75,8 +70,7 @@ TEST(AddressBook, RequestsCarryTheirFieldsInOrder)
     void *sd = nullptr;
     uint32_t err = 0;
     ASSERT_EQ(p_addr_connect_to_addrbk(&sd, &address, &err), 1u);
-    auto peer = listener.accept();
-    ASSERT_TRUE(peer);
+    zel::test::FrameSocket peer = listener.accept().value();
     EXPECT_EQ(p_addrbk_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_update_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_remove_request(sd, &key, &err), 1u);
@@ -84,7 +78,7 @@ TEST(AddressBook, RequestsCarryTheirFieldsInOrder)
     for (const char *expected : {"0 1 mrv_ab 10000 1 'desk 7' 10046 1 10.1.2.3:7001 ",
                                  "0 1 mrv_lb_set_info 10000 1 'desk 7' 10046 1 10.1.2.3:7001 ",
                                  "0 1 mrv_lb_unset_info 10000 1 'desk 7' "})
-        EXPECT_EQ(admin_text(peer->read_message().value_or("")), expected);
+        EXPECT_EQ(admin_text(peer.read_message().value_or("")), expected);
     EXPECT_EQ(p_addr_discnnct_from_addrbk(&sd, &err), 1u);
     EXPECT_EQ(sd, nullptr);
     // Filing and removing send one request on a connection of their own, to

@@ -140,15 +140,13 @@ TEST(BtreeCallerOrder, ChecksTheTailFirstAndRefusesEqualKeys)
     EXPECT_EQ((Keys{t.lower_bound("5"), t.lower_bound("10"), t.below("5")}), (Keys{"10", "10", "4"}));
 }
 
-int broken_order(sPChar *, sZELBtreeKeycb *, int *result, int *)
-{
-    *result = 7;
-    return 1;
-}
-
 TEST(BtreeBadInput, RefusalsHaveTheirDetailsAndChangeNothing)
 {
-    Tree broken(1, {"first"}, broken_order);
+    // An ordering that answers none of its three results.
+    Tree broken(1, {"first"}, [](sPChar *, sZELBtreeKeycb *, int *result, int *) {
+        *result = 7;
+        return 1;
+    });
     EXPECT_EQ(std::make_pair(broken.insert("second"), broken.err), std::make_pair(0, 5));
     EXPECT_EQ(broken.forward(), Keys{"first"});
 
@@ -156,10 +154,9 @@ TEST(BtreeBadInput, RefusalsHaveTheirDetailsAndChangeNothing)
     int &err = t.err;
     for (const auto &[k, detail] : {std::pair{"k", 9}, {"", 4}, {"\x80high", 4}}) // a duplicate, no bytes, no partition
         EXPECT_RESULT(t.insert(k), 0, detail);
-    std::string s = "v";
-    sPChar k = key(s);
+    sPChar k = zt::pc("v");
     EXPECT_RESULT(zel_btree_insert_item(t.t, &k, nullptr, &err), 0, 4);
-    EXPECT_RESULT(zel_btree_insert_item(nullptr, &k, &s, &err), 0, 4);
+    EXPECT_RESULT(zel_btree_insert_item(nullptr, &k, &k, &err), 0, 4);
     EXPECT_EQ(t.forward(), Keys{"k"});
     sZELBtreeParams p{0, 0, 0, nullptr, nullptr, nullptr};
     EXPECT_RESULT(zel_btree_open(&t.t, &p, &err), 0, 9);

@@ -133,8 +133,10 @@ TEST_F(ListTest, AfterClearingOnlyCloseWorks)
     move_to(1);
     EXPECT_RESULT(list_clear_nodes(l, &err), 1, 0);
     for (auto call : std::vector<std::function<int()>>{
-             [&] { return list_next_node(l, &key, &item, &err); }, [&] { return list_delete_node(l, &key, &item, &err); },
-             [&] { return list_first_node(l, &key, &item, &err); }, [&] { return list_add_node(l, &key, &item, &err); },
+             [&] { return list_next_node(l, &key, &item, &err); },
+             [&] { return list_delete_node(l, &key, &item, &err); },
+             [&] { return list_first_node(l, &key, &item, &err); },
+             [&] { return list_add_node(l, &key, &item, &err); },
              [&] { return list_set_item(l, &item, &items[0], &err); }, [&] { return list_clear_nodes(l, &err); }})
         EXPECT_RESULT(call(), 0, 1);
     EXPECT_EQ(list_node_count(l), 0); // TearDown's close then frees the block; the leak check sees the rest

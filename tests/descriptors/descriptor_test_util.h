@@ -4,15 +4,12 @@
 
 #include <zel/zel.h>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 
 #include "message/message_test_util.h"
+#include "support/ports.h"
 
 // Checks that a call answered 0 and wrote `detail`; `err` is read after the call.
 #define EXPECT_FAILURE(call, err, detail)                                                                \
@@ -27,15 +24,11 @@ inline std::string framed(const std::string &record) { return length_prefix(uint
 // A socket bound to 127.0.0.1 on a port the system picked, listening if
 // asked; closed on scope exit.
 struct LoopbackSocket {
-    int fd;
+    int port = 0, fd;
     std::string address;
-    LoopbackSocket(int type, bool listening) : fd(socket(AF_INET, type, 0))
+    LoopbackSocket(int type, bool listening)
+        : fd(zel::test::bound_loopback_socket(type, &port)), address("127.0.0.1:" + std::to_string(port))
     {
-        sockaddr_in at{AF_INET, 0, {htonl(INADDR_LOOPBACK)}};
-        socklen_t size = sizeof at;
-        bind(fd, reinterpret_cast<sockaddr *>(&at), size);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&at), &size);
-        address = "127.0.0.1:" + std::to_string(ntohs(at.sin_port));
         if (listening)
             listen(fd, 4);
     }

@@ -3,7 +3,6 @@
 #include <zel/zel.h>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <array>
 #include <filesystem>
@@ -40,7 +39,11 @@ protected:
         sys_fd_close(&fd, &err);
     }
     void append_raw(const std::string &bytes) { std::ofstream(path, std::ios::binary | std::ios::app) << bytes; }
-    std::string contents() { std::ifstream in(path, std::ios::binary); return {std::istreambuf_iterator<char>(in), {}}; }
+    std::string contents()
+    {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
 };
 
 } // namespace

@@ -21,21 +21,23 @@ namespace fs = std::filesystem;
 constexpr size_t time_width = 24;
 
 using zel::test::ScopedEnv;
+using zt::Strings;
 
-std::vector<std::string> lines_of(const fs::path &path)
+// The lines of a text file, each without its first `from` bytes.
+Strings lines_of(const fs::path &path, size_t from = 0)
 {
     std::ifstream in(path);
-    std::vector<std::string> lines;
+    Strings lines;
     for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
+        lines.push_back(line.substr(from));
     return lines;
 }
 
 // The records of a length-prefixed file, without their lengths.
-std::vector<std::string> records_of(const fs::path &path)
+Strings records_of(const fs::path &path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::vector<std::string> records;
+    Strings records;
     for (uint32_t length = 0; in.read(reinterpret_cast<char *>(&length), sizeof length);)
         in.read(records.emplace_back(length, '\0').data(), length);
     return records;
@@ -57,8 +59,7 @@ class Log : public ::testing::Test {
 protected:
     ~Log() override
     {
-        if (log)
-            sys_log_close(&log, &err);
+        sys_log_close(&log, &err); // a log already closed is refused, harmlessly
         fs::remove_all(dir_);
     }
     // Opens `log` with PL_LOG_TYPE set to `type` (null: unset) for the open only.
@@ -87,20 +88,17 @@ TEST_F(Log, ALineIsTimeHostUserNameAndMessageByteForByte)
     const std::string after = utc_c_time_now();
     ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", ""), 1u);
     close_log();
-    const auto lines = lines_of(path_);
-    ASSERT_EQ(lines.size(), 2u);
-    const std::string stamp = lines[0].substr(0, time_width);
+    const std::string stamp = lines_of(path_).at(0).substr(0, time_width);
     EXPECT_TRUE(stamp == before || stamp == after) << stamp;
-    EXPECT_EQ(lines[0].substr(time_width), " box1 alice app : filled 42 at 1.08415");
-    EXPECT_EQ(lines[1].substr(time_width), " box1 alice app : ") << "an empty message still ends in ': '";
+    // An empty message still ends in ': '.
+    EXPECT_EQ(lines_of(path_, time_width), (Strings{" box1 alice app : filled 42 at 1.08415", " box1 alice app : "}));
 
     ScopedEnv no_user("USER", nullptr);
     ASSERT_EQ(open("log_file", ""), 1u);
     ASSERT_EQ(sys_log(log, 0, &err, 0, "x"), 1u);
     close_log();
-    const auto reopened = lines_of(path_);
-    ASSERT_EQ(reopened.size(), 1u) << "every open empties the file";
-    EXPECT_EQ(reopened[0].substr(time_width), " box1   : x") << "an unset user and an empty name leave empty fields";
+    // Every open empties the file; an unset user and an empty name leave empty fields.
+    EXPECT_EQ(lines_of(path_, time_width), Strings{" box1   : x"});
 }
 
 TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreachableOneIsRefused)
@@ -120,10 +118,9 @@ TEST_F(Log, TheDestinationIsChosenByTheExactValueOfPlLogTypeAndMisuseOrAnUnreach
     EXPECT_FAILURE(sys_log(nullptr, 0, &err, 0, "x"), err, 2);
     EXPECT_FAILURE(sys_log_pm(nullptr, 0, 0, nullptr, nullptr, &err), err, 2);
     EXPECT_FAILURE(sys_log_close(&log, &err), err, 2);
-    { // an unreachable destination gives a detail and no handle
-        ScopedEnv missing_dir("PL_LOG_FILE", (dir_ / "no" / "such" / "app.log").c_str());
-        EXPECT_FAILURE(open("log_file"), err, 1);
-    }
+    // An unreachable destination gives a detail and no handle.
+    ScopedEnv missing_dir("PL_LOG_FILE", (dir_ / "no" / "such" / "app.log").c_str());
+    EXPECT_FAILURE(open("log_file"), err, 1);
     ScopedEnv no_file("PL_LOG_FILE", nullptr), no_address("PL_LOGGER_ADDR", nullptr);
     EXPECT_FAILURE(open("log_mnm_file"), err, 1);
     EXPECT_FAILURE(open("log_net"), err, 32) << "the address cannot be resolved";
@@ -135,7 +132,7 @@ TEST_F(Log, AnOverlongLineIsCutAtTheBufferBeforeACharacterThatDoesNotFitWhole)
     const size_t room = SYS_LOG_LINE_MAX - time_width - std::strlen(" box1 alice app : ");
     ASSERT_EQ(open("log_file"), 1u);
     ASSERT_EQ(sys_log(log, 0, &err, 0, "%s", std::string(5000, 'x').c_str()), 1u);
-    std::vector<std::string> expected = {std::string(room, 'x')};
+    Strings expected = {std::string(room, 'x')};
     // Characters of two, three and four bytes, with room left for none to all of their bytes.
     for (const std::string c : {"\u00e9", "\u20ac", "\U0001F600"})
         for (size_t fit = 0; fit <= c.size(); ++fit) {
@@ -144,10 +141,7 @@ TEST_F(Log, AnOverlongLineIsCutAtTheBufferBeforeACharacterThatDoesNotFitWhole)
             expected.push_back(fit == c.size() ? head + c : head);
         }
     close_log();
-    std::vector<std::string> cut;
-    for (const std::string &line : lines_of(path_))
-        cut.push_back(line.substr(SYS_LOG_LINE_MAX - room));
-    EXPECT_EQ(cut, expected);
+    EXPECT_EQ(lines_of(path_, SYS_LOG_LINE_MAX - room), expected);
 }
 
 // The same records go to a record file and, as one datagram each, to the
@@ -162,10 +156,9 @@ TEST_F(Log, RecordFilesAndNetLogsHoldTheMessagesTheBuilderMakes)
     sPChar *values[] = {&a, &bc};
     uint32_t tags[] = {1, 2}, bad_tags[] = {70000};
     constexpr auto message = zel::test::build_message;
-    const std::vector<std::string> expected = {message({{SYS_LOG_TEXT_TAG, "hello 7"}}),
-                                               message({{SYS_LOG_TEXT_TAG, ""}}),
-                                               message({{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}),
-                                               message({{1, "a"}, {2, "bc"}})};
+    const Strings expected = {message({{SYS_LOG_TEXT_TAG, "hello 7"}}), message({{SYS_LOG_TEXT_TAG, ""}}),
+                              message({{SYS_LOG_TEXT_TAG, std::string(SYS_LOG_MESSAGE_MAX, 'z')}}),
+                              message({{1, "a"}, {2, "bc"}})};
     for (bool net : {false, true}) {
         ASSERT_EQ(open(net ? "log_net" : "log_mnm_file"), 1u) << "detail " << err;
         auto *record = net ? sys_log_pm_net : sys_log_pm, *other = net ? sys_log_pm : sys_log_pm_net;
@@ -177,7 +170,7 @@ TEST_F(Log, RecordFilesAndNetLogsHoldTheMessagesTheBuilderMakes)
         EXPECT_FAILURE(other(log, 0, 1, tags, values, &err), err, 2)
             << "a file log has no socket, a net log no file";
         close_log();
-        std::vector<std::string> records = net ? std::vector<std::string>() : records_of(path_);
+        Strings records = net ? Strings() : records_of(path_);
         for (std::string datagram(65536, '\0'); net && records.size() < expected.size();) {
             const ssize_t size = recv(logger.fd, datagram.data(), datagram.size(), 0);
             records.push_back(datagram.substr(0, size_t(std::max<ssize_t>(size, 0))));

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "message/message_test_util.h" // EXPECT_RESULT
 #include "support/clients.h"
 #include "support/ports.h"
 
@@ -51,9 +52,8 @@ TEST(Udp, NotifyCallsNothingBeforeInitAndDatagramsReachTheReceiverOnTheInitThrea
     Datagrams receiver;
     int port = zel::test::free_loopback_port(SOCK_DGRAM);
     CUdpFacade &udp = CUdpFacade::getInstance();
-    int err = -1;
-    EXPECT_EQ(udp.notify(nullptr, &err), 1);
-    EXPECT_EQ(err, 0);
+    int err = 0;
+    EXPECT_RESULT(udp.notify(nullptr, &err), 1, 0);
     ASSERT_EQ(udp.init("", "", "127.0.0.1:" + std::to_string(port), &receiver), 1);
     send_datagram(port, "0123456789abcdefghij"); // 20 bytes
     std::vector<std::string> expected = {"01234567"};
@@ -67,9 +67,7 @@ TEST(Udp, NotifyCallsNothingBeforeInitAndDatagramsReachTheReceiverOnTheInitThrea
 
     // notify hands the application's own data to the same receiver.
     sPChar own{const_cast<char *>("own"), 3};
-    err = -1;
-    EXPECT_EQ(udp.notify(&own, &err), 1);
-    EXPECT_EQ(err, 0);
+    EXPECT_RESULT(udp.notify(&own, &err), 1, 0);
     EXPECT_EQ(receiver.seen.back(), "own");
     EXPECT_EQ(udp.dropped(), 0u);
 }
