@@ -1,6 +1,5 @@
 // Hash table: the named functions, finding, replacing and deleting across
 // growth, the occupied-bucket list and iteration.
-#include <gtest/gtest.h>
 #include <zel/containers.h>
 
 #include <set>
@@ -50,7 +49,8 @@ struct Table {
     }
 };
 
-TEST(HashFunctions, KnownValuesWithBytesAsSignedCharacters)
+// Known values, with bytes as signed characters; names select by prefix.
+TEST(HashFunctions, KnownValuesAndNamesSelectByPrefixWithSdbmMeaningPhong)
 {
     using namespace zel::hash;
     EXPECT_EQ(ejb("A", 1), 33u);
@@ -60,17 +60,11 @@ TEST(HashFunctions, KnownValuesWithBytesAsSignedCharacters)
     EXPECT_EQ(torek("\xff", 1), 0xFFFFFFFFu); // 0xFF counts as -1
     EXPECT_EQ(sdbm("x", 0), 0u);
     EXPECT_LT(ejb("a long key to wrap around", 25), 1048583u);
-}
-
-TEST(HashFunctions, NamesSelectByPrefixAndSdbmMeansPhong)
-{
-    using namespace zel::hash;
-    struct Case { const char *name; Function expected; } cases[] = {
-        {"hash_ejb", ejb}, {"hash_phong", phong}, {"hash_sdbm", phong}, {"hashr_torek", torek},
-        {"hash", ejb}, {"", ejb}, {"hash_p", phong}, {"hashr", torek},
-        {"md5", nullptr}, {"hash_ejbx", nullptr}, {"hash_s", phong}};
-    for (const Case &c : cases)
-        EXPECT_EQ(by_name(c.name, int32_t(strlen(c.name))), c.expected) << c.name;
+    for (auto [name, expected] : std::vector<std::pair<const char *, Function>>{
+             {"hash_ejb", ejb}, {"hash_phong", phong}, {"hash_sdbm", phong}, {"hashr_torek", torek},
+             {"hash", ejb}, {"", ejb}, {"hash_p", phong}, {"hashr", torek}, {"hash_s", phong},
+             {"md5", nullptr}, {"hash_ejbx", nullptr}})
+        EXPECT_EQ(by_name(name, int32_t(strlen(name))), expected) << name;
 }
 
 TEST(HashTable, FindsEveryKeyAfterGrowthReplacesValuesAndDeletesEachKeyOnce)

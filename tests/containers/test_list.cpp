@@ -43,9 +43,8 @@ struct ListTest : ::testing::Test {
     Keys rest() { return keys_from(list_next_node(l, &key, &item, &err)); }
     void move_to(int index) // puts the cursor on node `index` (from 0)
     {
-        ASSERT_EQ(list_first_node(l, &key, &item, &err), 1);
-        for (int i = 0; i < index; ++i)
-            ASSERT_EQ(list_next_node(l, &key, &item, &err), 1);
+        for (int i = 0; i <= index; ++i)
+            ASSERT_EQ((i ? list_next_node : list_first_node)(l, &key, &item, &err), 1) << i;
     }
     std::string deleted() { EXPECT_RESULT(list_delete_node(l, &key, &item, &err), 1, 0); return str(key); }
 };
@@ -101,23 +100,22 @@ TEST_F(ListTest, MatchingIterationVisitsOnlyNodesWithTheSameBytes)
     EXPECT_RESULT(list_matching_first_node(l, nullptr, &item, &err), 0, 5);
 }
 
-TEST_F(ListTest, FindCopiesTheKeyOfAnItemWithoutMovingTheCursor)
-{
-    move_to(0);
-    int stranger = 0;
-    EXPECT_RESULT(list_find_node(l, &key, &items[3], &err), 1, 0);
-    EXPECT_EQ(str(key), "d");
-    EXPECT_RESULT(list_find_node(l, &key, &stranger, &err), 0, 4);
-    EXPECT_RESULT(list_find_node(l, &key, nullptr, &err), 0, 5);
-    EXPECT_EQ(rest(), (Keys{"b", "c", "d"}));
-}
-
-TEST_F(ListTest, SetKeyAndSetItemChangeTheCursorNodeAndHandBackTheOldValues)
+// Find reads any node and leaves the cursor; set-key and set-item change the
+// cursor node and hand back its old values.
+TEST_F(ListTest, FindLeavesTheCursorWhileSetKeyAndSetItemChangeItsNode)
 {
     sPChar q = pc("q");
     int other = 0;
     EXPECT_RESULT(list_set_item(l, &item, &other, &err), 0, 5); // no cursor yet
+    move_to(0);
+    EXPECT_RESULT(list_find_node(l, &key, &items[3], &err), 1, 0);
+    EXPECT_EQ(str(key), "d");
+    EXPECT_RESULT(list_find_node(l, &key, &other, &err), 0, 4);
+    EXPECT_RESULT(list_find_node(l, &key, nullptr, &err), 0, 5);
+    EXPECT_EQ(rest(), (Keys{"b", "c", "d"}));
     move_to(1);
+    key = pc("stale"); // the old values come from the node, not from what these held
+    item = nullptr;
     EXPECT_RESULT(list_set_key(l, &key, &q, &err), 1, 0);
     EXPECT_RESULT(list_set_item(l, &item, &other, &err), 1, 0);
     EXPECT_TRUE(str(key) == "b" && item == &items[1]);

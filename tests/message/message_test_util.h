@@ -22,21 +22,17 @@ using Item = std::pair<int, std::string>;
 using Strings = std::vector<std::string>;
 using Tags = std::vector<int>;
 
-// Appends the bytes of `v` in host order, the wire's order.
-template <typename T> void put(std::string &b, T v) { b.append(reinterpret_cast<const char *>(&v), sizeof v); }
+// The bytes of `v` in host order, the wire's order.
+template <typename T> std::string bytes_of(T v) { return std::string(reinterpret_cast<const char *>(&v), sizeof v); }
+template <typename T> void put(std::string &b, T v) { b += bytes_of(v); }
 
 // A whole message (tag, length, value bytes per item); a non-negative `count`
 // replaces the true item count in the header.
 inline std::string wire_msg(const std::vector<Item> &items, int64_t count = -1)
 {
-    std::string b;
-    put(b, uint16_t(ZEL_MSG_MAGIC));
-    put(b, count < 0 ? uint32_t(items.size()) : uint32_t(count));
-    for (const auto &[tag, value] : items) {
-        put(b, uint16_t(tag));
-        put(b, uint32_t(value.size()));
-        b += value;
-    }
+    std::string b = bytes_of(uint16_t(ZEL_MSG_MAGIC)) + bytes_of(count < 0 ? uint32_t(items.size()) : uint32_t(count));
+    for (const auto &[tag, value] : items)
+        b += bytes_of(uint16_t(tag)) + bytes_of(uint32_t(value.size())) + value;
     return b;
 }
 
@@ -109,10 +105,13 @@ struct MessageTest : ::testing::Test {
     }
 };
 
-// Starts a message at the beginning of `out` and adds the items one by one.
-inline void build(vartocb *m, Scratch &out, const std::vector<Item> &items)
+// Starts a message at the beginning of `out` (first reopened at `size` bytes
+// when one is given) and adds the items one by one.
+inline void build(vartocb *m, Scratch &out, const std::vector<Item> &items, int size = 0)
 {
     int err = 0;
+    if (size)
+        out.reopen(size);
     out.s.len = 0;
     ASSERT_EQ(zel_start_msg(m, &out.s, &err), 1);
     for (const auto &[tag, value] : items) {

@@ -11,18 +11,20 @@ using namespace zt;
 using AdminText = MessageTest;
 using MessageCopy = MessageTest;
 
-// The admin text of the message, written into a small scratch so that it grows.
-std::string admin(vartocb *m)
+// The admin text of the message (or its printable form, which a NUL follows),
+// written into a small scratch so that it grows.
+std::string admin(vartocb *m, bool printable = false)
 {
     Scratch text(16);
     int err;
-    EXPECT_RESULT(varto_to_admin(m, &text.s, &err), 1, 0);
+    EXPECT_RESULT(printable ? varto_to_printable_admin(m, &text.s, 0, &err) : varto_to_admin(m, &text.s, &err), 1, 0);
+    EXPECT_TRUE(!printable || (text.s.len < text.s.alloc && text.s.data[text.s.len] == '\0'));
     return text.bytes();
 }
 
 TEST_F(AdminText, WritesTripletsByFieldQuotingBlanksAndDoublingQuotesWithAFinalSpaceAndPrintsThem)
 {
-    Scratch pre(8), printable(8);
+    Scratch pre(8);
     int tag, count;
     const std::string sorted = "5 1 'it''s' 6 1 t\tb\nc 7 1 'x y' 8 1 '''''' 9 0 ";
     const std::string path = testing::TempDir() + "zel_print_msg_test.txt";
@@ -43,18 +45,14 @@ TEST_F(AdminText, WritesTripletsByFieldQuotingBlanksAndDoublingQuotesWithAFinalS
     EXPECT_EQ(zel_parse_print_msg(m, &to_stdout, &err), 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), sorted + "\n");
     // The printable form walks the buffer: deleted items show as 65535, and a NUL follows.
-    EXPECT_RESULT(varto_to_printable_admin(m, &printable.s, 0, &err), 1, 0);
-    EXPECT_EQ(printable.bytes(), "65535 1 ab 7 1 'x y' 9 0 5 1 'it''s' 6 1 t\tb\nc 8 1 '''''' ");
-    EXPECT_TRUE(printable.s.len < printable.s.alloc && printable.s.data[printable.s.len] == '\0');
+    EXPECT_EQ(admin(m, true), "65535 1 ab 7 1 'x y' 9 0 5 1 'it''s' 6 1 t\tb\nc 8 1 '''''' ");
     out.s.data[m->header_offset] = 'X';
     EXPECT_RESULT(varto_to_admin(m, &pre.s, &err), 0, 2);
-    EXPECT_RESULT(varto_to_printable_admin(m, &printable.s, 0, &err), 0, 2);
-    printable.reopen(8); // values made of quotes and blanks outgrow any estimate
+    EXPECT_RESULT(varto_to_printable_admin(m, &pre.s, 0, &err), 0, 2);
+    // Values made of quotes and blanks outgrow any estimate.
     build(m, out, {{1, std::string(3000, '\'')}, {2, ""}, {3, std::string(500, ' ')}});
     const std::string want = "1 1 '" + std::string(6000, '\'') + "' 2 0 3 1 '" + std::string(500, ' ') + "' ";
-    EXPECT_EQ(admin(m), want);
-    EXPECT_RESULT(varto_to_printable_admin(m, &printable.s, 0, &err), 1, 0);
-    EXPECT_EQ(printable.bytes(), want);
+    EXPECT_EQ(std::make_pair(admin(m), admin(m, true)), std::make_pair(want, want));
 }
 
 // Tokenizes a copy of `text` (exactly its length) into the documented bound
@@ -80,7 +78,6 @@ int couplets(vartocb *m, Scratch &out, std::vector<const char *> argv, int *err)
 
 TEST_F(AdminText, ReadingTripletsOrArgumentVectorsBuildsItemsAndRejectsIncompleteOnes)
 {
-    using Argv = std::vector<const char *>;
     // Blanks, tabs and line breaks separate; an unterminated quote runs to the end.
     EXPECT_RESULT(from_admin(m, out, "5 2 a\tb\r\n9 0  3 1 'it''s' 7 1 '''' 4 1 'a b", &err), 1, 0);
     EXPECT_EQ(out.bytes(), wire_msg({{5, "a"}, {5, "b"}, {9, ""}, {3, "it's"}, {7, "'"}, {4, "a b"}}));
@@ -92,13 +89,13 @@ TEST_F(AdminText, ReadingTripletsOrArgumentVectorsBuildsItemsAndRejectsIncomplet
     EXPECT_EQ(out.bytes(), wire_msg({{5, "a b"}, {5, "c"}, {9, ""}, {12, "d"}}));
     // Starting the message writes detail 0; a non-numeric tag or count then
     // ends the call without writing another. A short vector is detail 2.
-    for (const auto &[argv, detail] : std::vector<std::pair<Argv, int>>{
+    for (const auto &[argv, detail] : std::vector<std::pair<std::vector<const char *>, int>>{
              {{"12", "x"}, 0}, {{"x"}, 0}, {{"5", "-1", "a"}, 0}, {{"+5", "1"}, 0}, {{"5"}, 2}, {{"5", "2", "a"}, 2}})
         EXPECT_EQ(std::make_pair(couplets(m, out, argv, &err), err), std::make_pair(0, detail))
             << argv[0] << " " << argv.size();
 }
 
-TEST_F(MessageCopy, FieldsKeepTheirItemsAndOrderAndReceiveLeavesOutTransportTags)
+TEST_F(MessageCopy, FieldsKeepTheirItemsAndOrderReceiveLeavesOutTransportTagsAndChangedFieldsAreMerged)
 {
     Varto dst;
     Scratch dbuf, small(4);
@@ -125,24 +122,16 @@ TEST_F(MessageCopy, FieldsKeepTheirItemsAndOrderAndReceiveLeavesOutTransportTags
     EXPECT_RESULT(varto_scratch_comp(m, &in.s, &err), 1, 0);
     parse(wire_msg({})); // no field
     EXPECT_RESULT(varto_scratch_comp(m, &in.s, &err), 0, 2);
-}
 
-TEST_F(MessageCopy, ChangedFieldsAreAddedOrRewrittenInPlace)
-{
-    Varto dst;
-    Scratch dbuf(64);
+    // A merge of changed fields adds them or rewrites them in place.
     const std::string big(3000, 'B');
     int all_tags[16] = {}, kept[16] = {}, n_all = 0, n_values = 0, n_kept = 0;
-    sPChar all_values[16] = {};
-    auto merge = [&](vartocb *src) {
-        err = -99;
-        return varto_copy_changed_fields(src, dst, all_tags, &n_all, all_values, &n_values, kept, &n_kept, &err);
-    };
+    sPChar all_vals[16] = {};
     build(m, out, {{4, "same"}, {5, big}, {6, "added"}, {7, ""}, {8, ""}, {9, "x"}, {11, "s"}, {32761, "t"}, {5, "2"}});
     build(dst, dbuf, {{4, "same"}, {5, "old"}, {7, ""}, {5, "old2"}, {9, ""}, {10, "keep"}, {11, "longvalue"}});
-    EXPECT_RESULT(merge(m), 1, 0);
+    EXPECT_RESULT(varto_copy_changed_fields(m, dst, all_tags, &n_all, all_vals, &n_values, kept, &n_kept, &err), 1, 0);
     EXPECT_EQ(Tags(all_tags, all_tags + n_all), (Tags{4, 5, 6, 7, 8, 9, 11}));
-    EXPECT_EQ(std::make_tuple(n_values, str(all_values[1]), all_values[3].len), std::make_tuple(7, big, 0));
+    EXPECT_EQ(std::make_tuple(n_values, str(all_vals[1]), all_vals[3].len), std::make_tuple(7, big, 0));
     // Equal, added and changed fields are kept; empty on both sides is not.
     EXPECT_EQ(Tags(kept, kept + n_kept), (Tags{4, 5, 6, 8, 9, 11}));
     // Only the first item of a changed field is rewritten, where it lies; absent fields follow.
@@ -151,7 +140,7 @@ TEST_F(MessageCopy, ChangedFieldsAreAddedOrRewrittenInPlace)
     EXPECT_EQ(dbuf.bytes(), merged);
     EXPECT_EQ(values(dst, 5), (Strings{big, "old2"}));
     n_kept = 2; // merging again changes nothing; the lists grow from their counts
-    EXPECT_EQ(merge(m), 1);
+    EXPECT_RESULT(varto_copy_changed_fields(m, dst, all_tags, &n_all, all_vals, &n_values, kept, &n_kept, &err), 1, 0);
     EXPECT_EQ(Tags(kept, kept + n_kept), (Tags{4, 5, 4, 5, 6, 9, 11}));
     EXPECT_EQ(dbuf.bytes(), merged);
 }

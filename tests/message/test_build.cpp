@@ -36,8 +36,7 @@ TEST_F(Build, StartWritesAHeaderAfterEarlierContentAndAddDataRejectsMalformedVal
 TEST_F(Build, BufferDoublesToTwiceTheNeedAndTheIndexFollowsItsMoves)
 {
     sPChar inside{};
-    out.reopen(16);
-    build(m, out, {{1, "abcd"}});
+    build(m, out, {{1, "abcd"}}, 16);
     EXPECT_EQ(out.s.alloc, 16); // an exact fit does not grow
     EXPECT_RESULT(zel_delete_data_item(m, 1, 0, &err), 1, 0);
     std::vector<Strings> expected(7);
@@ -52,8 +51,7 @@ TEST_F(Build, BufferDoublesToTwiceTheNeedAndTheIndexFollowsItsMoves)
     for (int t = 0; t < 7; ++t) // the deleted item stays out after the rebuilds
         EXPECT_EQ(values(m, 100 + t), expected[size_t(t)]) << t;
     EXPECT_EQ(m->item_count, 401); // the header counts the deleted item
-    out.reopen(26); // values taken from the build buffer itself while it moves
-    build(m, out, {{1, "abcd"}});
+    build(m, out, {{1, "abcd"}}, 26); // values taken from the build buffer itself while it moves
     ASSERT_EQ(zel_get_data(m, 1, 0, &inside, &err), 1);
     sPChar twice[] = {inside, inside}; // the first fits exactly, the second moves the buffer
     EXPECT_RESULT(zel_add_data(m, 2, 2, twice, &err), 1, 0);
@@ -64,8 +62,8 @@ TEST_F(Build, BufferDoublesToTwiceTheNeedAndTheIndexFollowsItsMoves)
 TEST_F(Edit, DeleteMarksItemsKeepsTheHeaderCountAndTheChainConsistent)
 {
     Varto again;
-    out.reopen(128); // room for every step: no move rebuilds the index
-    build(m, out, {{4, "a"}, {4, "b"}, {6, "x"}, {4, "c"}, {7, "y"}});
+    // Room for every step: no move rebuilds the index.
+    build(m, out, {{4, "a"}, {4, "b"}, {6, "x"}, {4, "c"}, {7, "y"}}, 128);
     // Each step deletes item `index` of tag 4 (or adds `value` when there is
     // one) and names what tag 4 then holds. The deletions take the first of
     // three, the last, a middle one, the first of two and the only one.
@@ -100,8 +98,7 @@ TEST_F(Edit, DeleteMarksItemsKeepsTheHeaderCountAndTheChainConsistent)
 TEST_F(Edit, ReplaceMarksTheFieldDeletedAndAddsItAgainAtTheEnd)
 {
     sPChar fresh = pc("NEW"), inside{};
-    out.reopen(48);
-    build(m, out, {{2, ""}, {3, "mid"}, {2, "old"}});
+    build(m, out, {{2, ""}, {3, "mid"}, {2, "old"}}, 48);
     EXPECT_RESULT(zel_replace_data_item(m, 2, 1, &fresh, &err), 1, 0);
     EXPECT_EQ(std::make_pair(values(m, 2), field_order(m)), std::make_pair(Strings{"", "NEW"}, Tags{3, 2}));
     EXPECT_EQ(out.bytes(), wire_msg({{0xFFFF, ""}, {3, "mid"}, {0xFFFF, "old"}, {2, ""}, {2, "NEW"}}));
@@ -140,9 +137,8 @@ TEST_F(Build, BuildMsgFirstOnlyGrowsATooSmallDestinationAndAnswers0)
     EXPECT_RESULT(zel_build_msg(m, &room.s, &err), 0, 2);
 }
 
-TEST(RawItems, AddDataPcharAppendsItemsToAHeapString)
+TEST_F(Build, AddDataPcharAppendsRawItemsToAHeapString)
 {
-    int err;
     sPChar buf{nullptr, -1}, unmarked{nullptr, 0}, abc = pc("abc"), z = pc("Z");
     EXPECT_RESULT(zel_add_data_pchar(&buf, 7, &abc, &err), 1, 0);
     EXPECT_RESULT(zel_add_data_pchar(&buf, 65534, &z, &err), 1, 0);

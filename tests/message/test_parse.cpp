@@ -57,20 +57,15 @@ TEST_F(Parse, CopyModeCompactsEachMessageIntoTheCopyAndReportsTheInputStart)
 
 TEST_F(ParseRobustness, MalformedInputFailsWithDetail2InEveryMode)
 {
-    auto claiming = [](uint32_t len) { // one item whose value needs `len` bytes; 3 are there
-        std::string b = wire_msg({}, 1);
-        put(b, uint16_t(1));
-        put(b, len);
-        return b + "abc";
-    };
+    // One item whose value needs `len` bytes; 3 are there.
+    auto claiming = [](uint32_t len) { return wire_msg({}, 1) + bytes_of(uint16_t(1)) + bytes_of(len) + "abc"; };
     const std::string two = wire_msg({{1, "abc"}, {2, "d"}});
     const std::vector<std::pair<const char *, std::string>> inputs = {
         {"wrong magic", "\x41\x42" + two.substr(2)}, {"value one byte past the end", claiming(4)},
         {"value length 0x7FFFFFFF", claiming(0x7FFFFFFF)}, {"value length 0xFFFFFFFF", claiming(0xFFFFFFFF)},
-        {"value length wrapping a 32-bit sum", claiming(0xFFFFFFFA)},
+        {"value length wrapping a 32-bit sum", claiming(0xFFFFFFFA)}, {"empty", ""},
         {"count beyond the items", wire_msg({{1, "abc"}}, 5)}, {"count 0xFFFFFFFF", wire_msg({{1, "abc"}}, 0xFFFFFFFF)},
-        {"empty", ""}, {"ends inside the message header", two.substr(0, 5)},
-        {"ends inside the first item header", two.substr(0, 9)},
+        {"ends inside the message header", two.substr(0, 5)}, {"ends inside the first item header", two.substr(0, 9)},
         {"one byte short of the second item header", two.substr(0, 20)}};
     Scratch copy;
     for (const auto &[name, bytes] : inputs) {
@@ -81,8 +76,7 @@ TEST_F(ParseRobustness, MalformedInputFailsWithDetail2InEveryMode)
         EXPECT_EQ(parsed(), std::make_pair(-1L, 6));
         EXPECT_RESULT(zel_parse_first_msg(m, &copy.s, &in.s, &err), 0, 2);
         EXPECT_EQ(parsed(), std::make_pair(-1L, 6));
-        out.s.len = 0;
-        ASSERT_EQ(zel_start_msg(m, &out.s, &err), 1);
+        build(m, out, {});
         EXPECT_RESULT(zel_parse_interested_field_in_msg(m, &in.s, nullptr, 0, &err), 0, 2);
         // The same bytes after a good message: the walk stops there.
         load(wire_msg({{1, "ok"}}) + bytes);
@@ -95,8 +89,7 @@ TEST_F(FilteredParse, CopiesTheSelectedFieldsOfTheFirstMessageOnly)
 {
     load(wire_msg({{7, "a"}, {8, "b"}, {0xFFFF, "x"}, {9, ""}, {7, "c"}}) + wire_msg({{10, "next"}}));
     auto filtered = [&](auto parse_fn, int *tags, int ntags) {
-        out.s.len = 0;
-        EXPECT_EQ(zel_start_msg(m, &out.s, &err), 1);
+        build(m, out, {});
         return parse_fn(m, &in.s, tags, ntags, &err);
     };
     int wanted[] = {9, 7, 70000, -3}, unwanted[] = {7}, only_later[] = {10};
@@ -144,10 +137,8 @@ TEST_F(FieldIteration, FollowsFirstAppearanceSortingReordersLaterIterationsAndTa
     EXPECT_RESULT(zel_get_first_field(m, &tag, &count, &err), 0, 6);
     Tags order; // more tags than the list first holds
     std::vector<Item> items;
-    for (int t = 0; t < 5000; ++t) {
-        order.push_back((t * 7919) % 65535);
-        items.push_back({order.back(), std::to_string(t)});
-    }
+    for (int t = 0; t < 5000; ++t)
+        items.push_back({order.emplace_back((t * 7919) % 65535), std::to_string(t)});
     parse(wire_msg(items));
     EXPECT_EQ(field_order(m), order);
 }
