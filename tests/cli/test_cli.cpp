@@ -16,9 +16,7 @@
 
 namespace {
 
-using zel::test::run_tool;
-using zel::test::ToolProcess;
-using zel::test::ToolRun;
+using namespace zel::test;
 
 // A run's exit status and both its outputs, to be compared at once.
 std::tuple<int, std::string, std::string> outcome(const ToolRun &run) { return {run.status, run.out, run.err}; }
@@ -34,7 +32,7 @@ ToolRun expect_tool(const std::vector<std::string> &args, int status, const std:
 }
 
 struct AtHub : ::testing::Test {
-    zel::test::ZelhubProcess hub;
+    ZelhubProcess hub;
     std::string at = "127.0.0.1:" + std::to_string(hub.port());
 };
 
@@ -70,7 +68,7 @@ TEST_F(AtHub, ToolSubscribesPublishesAsksAndServes)
 
 TEST(Tool, PublishesAndSubscribesThroughTheForwarder)
 {
-    zel::test::ZelproxyProcess proxy;
+    ZelproxyProcess proxy;
     std::string subscribers = "127.0.0.1:" + std::to_string(proxy.subscribers()),
                 publishers = "127.0.0.1:" + std::to_string(proxy.publishers());
     // Given out of order, the pairs still form a filter that starts the
@@ -108,7 +106,7 @@ TEST(Tool, ConvertsTextToRecordsAndBack)
 
 TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
 {
-    std::string hub = "127.0.0.1:" + std::to_string(zel::test::free_loopback_port());
+    std::string hub = "127.0.0.1:" + std::to_string(free_loopback_port());
     // The arguments, the exit status and the first line the tool says.
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{}, 2, "zel: A subcommand is required\n"},
@@ -127,7 +125,7 @@ TEST(Tool, ExplainsUsageErrorsAndFailuresInOneLine)
         auto run = run_tool(args);
         EXPECT_EQ(run.status, status) << says;
         EXPECT_EQ(run.err.substr(0, run.err.find('\n') + 1), says);
-        EXPECT_LT(std::chrono::steady_clock::now() - started, zel::test::patience(5000));
+        EXPECT_LT(std::chrono::steady_clock::now() - started, patience(5000));
     }
     for (const std::string command : {"sub", "pub", "req", "serve", "conv", "addrbk", "status"})
         expect_tool({command, "--help"}, 0, "Usage: zel " + command);

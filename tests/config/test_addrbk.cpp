@@ -19,14 +19,10 @@
 
 namespace {
 
-using zel::test::admin_text;
-using zel::test::build_message;
-using zel::test::FrameListener;
-using zt::pc;
+using namespace zel::test;
+using namespace zt;
 
 void point_service_at(int port) { ::setenv("PL_LOC_BROK_ADDR", ("127.0.0.1:" + std::to_string(port)).c_str(), 1); }
-
-using zt::Strings;
 
 // One lookup's outcome, with the three pairs' values as text.
 struct Lookup {
@@ -39,7 +35,7 @@ struct Lookup {
 const Strings kBefore = {"p1a", "p1b", "p2a", "p2b", "p3a", "p3b"};
 
 // Looks `key` up on another thread while `serve` plays the service on this one.
-Lookup lookup(const std::string &key, const std::function<void(zel::test::FrameSocket &)> &serve)
+Lookup lookup(const std::string &key, const std::function<void(FrameSocket &)> &serve)
 {
     FrameListener listener;
     point_service_at(listener.port());
@@ -51,7 +47,7 @@ Lookup lookup(const std::string &key, const std::function<void(zel::test::FrameS
         sPChar key_text = pc(key);
         out.result = p_addr_get_details_from_addrbk(&key_text, pairs, pairs + 2, pairs + 4, &out.kind, &out.detail);
         for (int i = 0; i < 6; ++i) {
-            out.pairs.push_back(pairs[i].data ? zt::str(pairs[i]) : "(null)");
+            out.pairs.push_back(pairs[i].data ? str(pairs[i]) : "(null)");
             if (pairs[i].data && pairs[i].data != kBefore[size_t(i)].data())
                 pchar_destroy_mem(&pairs[i], nullptr); // the lookup's own copy
         }
@@ -70,7 +66,7 @@ TEST(AddressBook, RequestsCarryTheirFieldsInOrder)
     void *sd = nullptr;
     uint32_t err = 0;
     ASSERT_EQ(p_addr_connect_to_addrbk(&sd, &address, &err), 1u);
-    zel::test::FrameSocket peer = listener.accept().value();
+    FrameSocket peer = listener.accept().value();
     EXPECT_EQ(p_addrbk_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_update_request(sd, &where, &key, &err), 1u);
     EXPECT_EQ(p_addrbk_remove_request(sd, &key, &err), 1u);
@@ -94,8 +90,8 @@ TEST(AddressBook, RequestsCarryTheirFieldsInOrder)
 
 TEST(AddressBook, AReplyMapsIntoThePairsAndOnlyWhatItCarries)
 {
-    auto reply_with = [](zel::test::Fields fields) {
-        return [fields](zel::test::FrameSocket &peer) {
+    auto reply_with = [](Fields fields) {
+        return [fields](FrameSocket &peer) {
             EXPECT_EQ(admin_text(peer.read_message().value_or("")), "0 1 mrv_ab 10000 1 k ");
             peer.send_message(build_message(fields));
         };
@@ -114,14 +110,14 @@ TEST(AddressBook, AReplyMapsIntoThePairsAndOnlyWhatItCarries)
 
 TEST(AddressBook, ALookupFailsClearlyWhenTheServiceFails)
 {
-    zel::test::ScopedEnv quick("ZEL_ADDRBK_TIMEOUT_MS", "50");
+    ScopedEnv quick("ZEL_ADDRBK_TIMEOUT_MS", "50");
     EXPECT_EQ(lookup("k", [](auto &) {}).detail, 31u); // closed without a word
-    auto hold = [](zel::test::FrameSocket &peer) { // reads the request, then holds the line past the bound
+    auto hold = [](FrameSocket &peer) { // reads the request, then holds the line past the bound
         peer.read_message();
         peer.read_message(std::chrono::milliseconds(1000));
     };
     EXPECT_EQ(lookup("k", hold).detail, 4u);
-    Lookup garbage = lookup("k", [](zel::test::FrameSocket &peer) { peer.send_message("not a message"); });
+    Lookup garbage = lookup("k", [](FrameSocket &peer) { peer.send_message("not a message"); });
     EXPECT_TRUE(garbage.result == 0 && garbage.detail != 0);
 
     point_service_at(FrameListener().port()); // closed again at once
