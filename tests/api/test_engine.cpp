@@ -67,10 +67,11 @@ TEST_F(Facade, TheTypeChoosesTheEngineAndItsDescription)
 }
 
 // How create ends after a failed first attempt is the Worker case's.
-TEST_F(Facade, CreateReturnsAfterTheFirstAttemptOnlyOnceAndOnlyALaterListenerHears)
+TEST_F(Facade, CreateReturnsAfterTheFirstAttemptOnlyOnceOnlyALaterListenerHearsAndDestroyingWaitsForTheWorker)
 {
     Listener early, late;
-    CZelEngine e;
+    auto owned = std::make_unique<CZelEngine>();
+    CZelEngine &e = *owned;
     int status = 99, err = 0;
     e.setConnectionListener(&early, &err); // no connection yet: lost, and the status left alone
     e.getConnectionStatus(&status, &err);
@@ -87,6 +88,11 @@ TEST_F(Facade, CreateReturnsAfterTheFirstAttemptOnlyOnceAndOnlyALaterListenerHea
     zel_pump_messages(0);
     EXPECT_TRUE(early.seen.empty());
     EXPECT_EQ(late.seen, std::vector<int>{ZEL_STATUS_CONNECTED});
+
+    // Destroying stops the worker and waits for its thread.
+    const int ended = ScriptedWorker::serves_ended; // the worker stays until a stop
+    owned.reset();
+    EXPECT_EQ(ScriptedWorker::serves_ended, ended + 1);
 }
 
 // Every call that needs a transport, with the detail slot given.
@@ -137,15 +143,6 @@ TEST_F(Facade, CallsWithoutAConnectionOrWithBadArgumentsAnswerZeroAndReachNoTran
     EXPECT_TRUE(made->calls.empty());
     EXPECT_EQ(e.enableHeartbeat(nullptr, 1, nullptr), 1); // 1 ms is allowed
     EXPECT_EQ(made->calls, std::vector<std::string>{"enableHeartbeat"});
-}
-
-TEST_F(Facade, DestroyingStopsTheWorkerAndWaitsForItsThread)
-{
-    auto e = std::make_unique<CZelEngine>();
-    ASSERT_EQ(connect(*e, "hub"), 1);
-    const int ended = ScriptedWorker::serves_ended; // the worker stays until a stop
-    e.reset();
-    EXPECT_EQ(ScriptedWorker::serves_ended, ended + 1);
 }
 
 // A worker driven by hand, without a facade, through its whole life: a first
@@ -201,10 +198,8 @@ TEST(FacadeFunctions, AllDigitsTakesTheEmptyTextAndReadsBytesAsSigned)
 TEST(WorkerLoop, DueTimersFireEarliestFirstKilledOnesNeverAndAHandlerMayRearmItsOwn)
 {
     zel::WorkerLoop loop;
-    loop.set_timer(3, 100);
-    loop.set_timer(1, 10);
-    loop.set_timer(2, 20);
-    loop.set_timer(4, 0);
+    for (auto [id, delay_ms] : std::initializer_list<std::pair<unsigned, unsigned>>{{3, 100}, {1, 10}, {2, 20}, {4, 0}})
+        loop.set_timer(id, delay_ms);
     EXPECT_TRUE(loop.kill_timer(4));
     EXPECT_FALSE(loop.kill_timer(4));
     loop.set_timer(5, 60000);
