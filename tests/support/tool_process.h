@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "support/time_factor.h"
-#include "support/zelhub_process.h"
+#include "support/child_process.h"
 
 namespace zel::test {
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/zelhub_process.h"
+#include "support/child_process.h"
 
 namespace zel::test {
 

@@ -284,7 +284,7 @@ void Server::handle_frames(Client &client)
     if (refuse_oversized(client, cut.needed))
         return;
     client.input.consume(size_t(cut.consumed));
-    oversized_buffers_ |= client.input.capacity() > kept_buffer_size;
+    note_size(client.input);
 }
 
 // Refused on its length alone, before its body is buffered: the hub keeps a
@@ -480,9 +480,15 @@ void Server::write_output(Client &client)
             return;
         }
     }
-    oversized_buffers_ |= output.capacity() > kept_buffer_size;
+    note_size(output);
     // Wake up for a full socket only while something waits to go out.
     watch_output(client, !output.empty());
+}
+
+// A buffer above the size kept for good is given back when the hub is next idle.
+void Server::note_size(const ByteBuffer &buffer)
+{
+    oversized_buffers_ |= buffer.capacity() > kept_buffer_size;
 }
 
 void Server::give_back_buffers()
@@ -493,7 +499,7 @@ void Server::give_back_buffers()
             continue;
         for (ByteBuffer *buffer : {&client->input, &client->output}) {
             buffer->shrink_if_empty_and_above(kept_buffer_size);
-            oversized_buffers_ |= buffer->capacity() > kept_buffer_size;
+            note_size(*buffer);
         }
     }
 }

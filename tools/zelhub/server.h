@@ -69,6 +69,7 @@ private:
     void drop_most_behind(const Client &recipient, int32_t frame_size);
     void flush_outputs();
     void write_output(Client &client);
+    void note_size(const ByteBuffer &buffer);
     void give_back_buffers();
     void watch_output(Client &client, bool watch);
     void drop(Client &client, std::string_view why);

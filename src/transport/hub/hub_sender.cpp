@@ -5,6 +5,7 @@
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 
 #include "api/alert.h"
@@ -92,13 +93,13 @@ size_t CHubSender::write_now(std::initializer_list<std::string_view> parts)
 {
     // Nothing unwritten means the worker has finished its last write and
     // cannot take another without this lock.
-    if (socket_ < 0 || unwritten_.load(std::memory_order_acquire) != 0)
+    iovec pieces[2]; // a header and a message at most
+    if (socket_ < 0 || parts.size() > std::size(pieces) || unwritten_.load(std::memory_order_acquire) != 0)
         return 0;
     Clock::time_point now = Clock::now();
     if (now - last_written_now_ < streaming_gap)
         return 0;
     last_written_now_ = now;
-    iovec pieces[2];
     msghdr frame{};
     frame.msg_iov = pieces;
     for (std::string_view part : parts)

@@ -132,7 +132,7 @@ int CHubworker::receive()
     for (;;) {
         if (stop_requested())
             return 0;
-        bool writing = unsent_offset_ < unsent_.size();
+        bool writing = !all_taken_written();
         pollfd waits[2] = {{socket_, short(POLLIN | (writing ? POLLOUT : 0)), 0}, {sender_.wake_fd(), POLLIN, 0}};
         int ready = ::poll(waits, 2, turn_ms);
         if (ready < 0 && errno != EINTR) {
@@ -230,12 +230,12 @@ bool CHubworker::post_frames(int64_t framed, int64_t payload)
 // copies: it swaps its emptied buffer for the sender's.
 bool CHubworker::flush(int *error)
 {
-    if (unsent_offset_ == unsent_.size()) {
+    if (all_taken_written()) {
         unsent_.clear();
         unsent_offset_ = 0;
         sender_.take_queued(unsent_);
     }
-    while (unsent_offset_ < unsent_.size()) {
+    while (!all_taken_written()) {
         ssize_t n = ::send(socket_, unsent_.data() + unsent_offset_, unsent_.size() - unsent_offset_, MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
@@ -253,7 +253,7 @@ bool CHubworker::flush(int *error)
 // with nothing to do gives back what is larger than is worth keeping.
 void CHubworker::give_back_send_memory()
 {
-    if (unsent_offset_ == unsent_.size()) {
+    if (all_taken_written()) {
         zel::hub::clear_send_buffer(unsent_);
         unsent_offset_ = 0;
     }

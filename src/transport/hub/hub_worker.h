@@ -66,6 +66,7 @@ private:
     bool hand_on_frames(int *error);
     bool post_frames(int64_t framed, int64_t payload);
     bool flush(int *error);
+    bool all_taken_written() const { return unsent_offset_ == unsent_.size(); }
     void give_back_send_memory();
     void close_socket();
     void discard_unsent();
